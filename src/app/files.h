@@ -1,0 +1,17 @@
+#pragma once
+#include <cstddef>
+
+// The small files the service reads and writes.
+constexpr const char* kBoardModelPath = "/sys/firmware/devicetree/base/model";
+constexpr const char* kBoardSupportedPath = "/run/tarnwickrelay/board_supported";
+constexpr const char* kApIfacePath = "/run/tarnwickrelay/ap.iface";
+constexpr const char* kVideoWidthPath = "/run/tarnwickrelay/video_width";
+constexpr const char* kVideoHeightPath = "/run/tarnwickrelay/video_height";
+
+// Writes `text` (without its terminator) to `path`, created or truncated.
+// Returns 0, or -1 when the file cannot be opened.
+int WriteTextFile(const char* path, const char* text);
+
+// Reads at most `capacity` - 1 bytes of `path` into a zeroed `buffer`. A
+// missing file leaves it empty. Returns the number of bytes read.
+size_t ReadSmallFile(const char* path, char* buffer, size_t capacity);

@@ -1,0 +1,6 @@
+#include "app/service.h"
+
+int main(int argc, char** argv)
+{
+    RunService(argc, argv);
+}

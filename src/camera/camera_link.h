@@ -1,0 +1,73 @@
+#pragma once
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+
+#include "net/udp_endpoint.h"
+
+constexpr uint32_t kCameraSilenceLimitMs = 5000;
+constexpr uint32_t kCameraThreadPeriodMs = 1000;
+constexpr uint16_t kCameraReceiveBufferSize = 10000;
+constexpr size_t kCameraHostCapacity = 32;
+
+// The connection with the camera: one process-wide record.
+//
+// Threads: the camera endpoint's receive thread handles every datagram from
+// the camera; the camera thread sends keep-alives and watches for silence;
+// any thread may send a camera command. host and port are written before any
+// thread starts and only read afterwards.
+struct CameraLink {
+    UdpEndpoint endpoint;
+    std::atomic<uint32_t> last_datagram_ms{0};  // receive thread writes, camera thread reads
+    int32_t port = 0;                           // 0: not set
+    char host[kCameraHostCapacity] = {};        // empty: not set
+    pthread_t thread{};
+    uint8_t receive_buffer[kCameraReceiveBufferSize] = {};
+};
+extern CameraLink camera_link;
+
+// Sequence counters of the link.
+//
+// tx_sequence numbers every datagram we send that carries or advances it (a
+// command frame, the ping, the connect request, a video acknowledgement). All
+// four senders take camera_tx_lock around reading the counter, building the
+// datagram, sending it and advancing the counter, so no two datagrams carry
+// one number and the order on the wire is the order of the numbers. The lock
+// is uncontended in steady state (one ack per video datagram, a ping per
+// second, a command now and then) and held only for one sendto.
+//
+// rx_sequence is written only by the camera endpoint's receive thread and read
+// by every sender: a single atomic value.
+extern std::mutex camera_tx_lock;
+extern uint16_t tx_sequence;                    // guarded by camera_tx_lock
+extern std::atomic<uint16_t> rx_sequence;
+
+// Opens the camera endpoint and starts the camera thread. Returns 0 or -1.
+int CameraLinkInit(const char* host, int32_t port);
+
+// Sends one datagram to the camera from the camera endpoint; nothing when the
+// camera's address is not set.
+void SendToCamera(const void* data, size_t length);
+
+// Seals a complete frame (13 to 255 bytes, header checksum already right) with
+// the next tx_sequence and its CRC16, and sends it in a type 4 datagram. The
+// frame buffer is written (sequence and checksum). Every camera command leaves
+// through here.
+void SendCameraPacket(uint8_t* frame, size_t length);
+
+// One keep-alive step: nothing while the phone app is connected, the connect
+// request until the camera's data stream has started, the ping after that.
+void SendKeepAlive();
+
+// Acknowledges a video datagram with the current rx_sequence (unless the phone
+// app is connected, see the caller).
+void SendVideoAck();
+
+// The camera endpoint's on_receive.
+void OnCameraDatagram(uint8_t* buffer, uint16_t length, const char* peer_ip, uint16_t peer_port);
+
+// The camera thread's loop; never returns.
+void* CameraThread(void*);

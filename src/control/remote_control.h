@@ -1,0 +1,4 @@
+#pragma once
+
+// Starts the remote-control thread.
+void StartRemoteControl();

@@ -1,0 +1,151 @@
+#include "net/udp_endpoint.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "net/clock.h"
+
+namespace {
+
+void* ReceiveThreadMain(void* endpoint)
+{
+    static_cast<UdpEndpoint*>(endpoint)->RunReceiveLoop();
+    return nullptr;
+}
+
+}  // namespace
+
+int UdpEndpoint::Open(uint16_t port)
+{
+    socket = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (socket < 0)
+        return -1;
+
+    // Receives must block: an empty non-blocking receive would read as a
+    // failed receive and end the process.
+    int flags = fcntl(socket, F_GETFL, 0);
+    if (flags >= 0)
+        fcntl(socket, F_SETFL, flags & ~O_NONBLOCK);
+
+    int size = kUdpSocketBufferBytes;
+    if (setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0)
+        fputs("UDP receive buffer set failed\n", stderr);
+    if (setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) != 0)
+        fputs("UDP send buffer set failed\n", stderr);
+    int broadcast = 1;
+    setsockopt(socket, SOL_SOCKET, SO_BROADCAST, &broadcast, sizeof broadcast);
+
+    struct sockaddr_in local;
+    memset(&local, 0, sizeof local);
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_ANY);
+    local.sin_port = htons(port);
+    if (bind(socket, reinterpret_cast<struct sockaddr*>(&local), sizeof local) != 0) {
+        close(socket);
+        socket = -1;
+        return -1;
+    }
+    if (pthread_create(&thread, nullptr, ReceiveThreadMain, this) != 0)
+        return -1;
+    return 0;
+}
+
+void UdpEndpoint::AttachBuffer(uint8_t* storage, uint16_t size)
+{
+    buffer_size = size;
+    buffer.store(storage, std::memory_order_release);
+}
+
+void UdpEndpoint::RunReceiveLoop()
+{
+    for (;;) {
+        uint8_t* storage = buffer.load(std::memory_order_acquire);
+        if (storage == nullptr) {
+            SleepMs(10);
+            continue;
+        }
+        size_t capacity = buffer_size;
+        if (clear_before_receive) {
+            memset(storage, 0, buffer_size);
+            // Keep a zero byte after the datagram so it reads as a text.
+            if (capacity > 0)
+                capacity -= 1;
+        }
+
+        struct sockaddr_in source;
+        socklen_t source_length = sizeof source;
+        ssize_t received = recvfrom(socket, storage, capacity, 0,
+                                    reinterpret_cast<struct sockaddr*>(&source), &source_length);
+        if (received <= 0) {
+            fputs("UDP read failed\n", stderr);
+            exit(3);
+        }
+
+        char source_ip[kPeerIpCapacity];
+        inet_ntop(AF_INET, &source.sin_addr, source_ip, sizeof source_ip);
+        uint16_t source_port = ntohs(source.sin_port);
+        {
+            std::lock_guard<std::mutex> lock(peer_lock);
+            memcpy(peer_ip, source_ip, sizeof peer_ip);
+            peer_port = source_port;
+            if (last_receive_ms == 0 && on_found != nullptr)
+                on_found();
+            uint32_t now = NowMs();
+            last_receive_ms = now != 0 ? now : 1;  // 0 is reserved for "no live peer"
+        }
+        if (on_receive != nullptr)
+            on_receive(storage, static_cast<uint16_t>(received), source_ip, source_port);
+    }
+}
+
+void UdpEndpoint::CheckPeerTimeout()
+{
+    std::lock_guard<std::mutex> lock(peer_lock);
+    if (last_receive_ms == 0)
+        return;
+    if (NowMs() - last_receive_ms > timeout_ms) {
+        if (on_lost != nullptr)
+            on_lost();
+        peer_ip[0] = '\0';
+        peer_port = 0;
+        last_receive_ms = 0;
+    }
+}
+
+int UdpEndpoint::SendTo(const void* data, uint16_t length, const char* host, uint16_t port)
+{
+    struct sockaddr_in destination;
+    memset(&destination, 0, sizeof destination);
+    destination.sin_family = AF_INET;
+    destination.sin_port = htons(port);
+    if (host == nullptr || inet_aton(host, &destination.sin_addr) == 0)
+        return -1;
+    ssize_t sent = sendto(socket, data, length, 0,
+                          reinterpret_cast<struct sockaddr*>(&destination), sizeof destination);
+    return sent < 0 ? -1 : static_cast<int>(sent);
+}
+
+uint16_t UdpEndpoint::GetPeer(char ip_out[kPeerIpCapacity])
+{
+    std::lock_guard<std::mutex> lock(peer_lock);
+    memcpy(ip_out, peer_ip, kPeerIpCapacity);
+    return peer_port;
+}
+
+uint16_t UdpEndpoint::LocalPort() const
+{
+    if (socket < 0)
+        return 0;
+    struct sockaddr_in local;
+    socklen_t length = sizeof local;
+    if (getsockname(socket, reinterpret_cast<struct sockaddr*>(&local), &length) != 0)
+        return 0;
+    return ntohs(local.sin_port);
+}

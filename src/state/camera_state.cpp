@@ -1,0 +1,10 @@
+#include "state/camera_state.h"
+
+namespace {
+CameraState camera_state;
+}
+
+CameraState* GetCameraState()
+{
+    return &camera_state;
+}
