@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "net/clock.h"
@@ -17,7 +18,8 @@ std::atomic<int> lost_count{0};
 std::atomic<int> receive_count{0};
 std::atomic<int> found_before_first_receive{-1};
 std::atomic<uint16_t> last_length{0};
-uint8_t last_datagram[10000];
+std::mutex datagram_lock;
+uint8_t last_datagram[10000];  // guarded by datagram_lock
 std::atomic<uint16_t> last_peer_port{0};
 
 void OnFound() { ++found_count; }
@@ -26,7 +28,10 @@ void OnReceive(uint8_t* buffer, uint16_t length, const char* peer_ip, uint16_t p
 {
     if (receive_count == 0)
         found_before_first_receive = found_count.load();
-    memcpy(last_datagram, buffer, 10000);
+    {
+        std::lock_guard<std::mutex> lock(datagram_lock);
+        memcpy(last_datagram, buffer, 10000);
+    }
     last_length = length;
     last_peer_port = peer_port;
     EXPECT_STREQ(peer_ip, "127.0.0.1");
@@ -108,13 +113,17 @@ TEST_F(UdpEndpointTest, ClearedBufferAlwaysEndsInAZeroByte)
     peer.SendTo(endpoint.LocalPort(), full.data(), full.size());
     ASSERT_TRUE(WaitFor(receive_count, 1));
     EXPECT_EQ(last_length.load(), 9999);
-    EXPECT_EQ(last_datagram[9998], 'x');
-    EXPECT_EQ(last_datagram[9999], 0);
+    {
+        std::lock_guard<std::mutex> lock(datagram_lock);
+        EXPECT_EQ(last_datagram[9998], 'x');
+        EXPECT_EQ(last_datagram[9999], 0);
+    }
 
     // A shorter datagram carries nothing of the previous one behind it.
     peer.SendTo(endpoint.LocalPort(), "short", 5);
     ASSERT_TRUE(WaitFor(receive_count, 2));
     EXPECT_EQ(last_length.load(), 5);
+    std::lock_guard<std::mutex> lock(datagram_lock);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(last_datagram), 5), "short");
     for (size_t i = 5; i < sizeof last_datagram; ++i)
         ASSERT_EQ(last_datagram[i], 0) << "at " << i;

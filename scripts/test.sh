@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds and runs every test three times: plain, under AddressSanitizer +
+# UndefinedBehaviorSanitizer, and under ThreadSanitizer. Any failure or
+# sanitizer report fails the run. System tests need root (they put the daemon
+# in private network and mount namespaces) and skip elsewhere.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+
+export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:strict_string_checks=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:exitcode=66
+
+# ThreadSanitizer cannot map its shadow memory with the high address-space
+# randomisation of recent kernels; run its tests with randomisation off.
+no_aslr=()
+setarch "$(uname -m)" -R true 2>/dev/null && no_aslr=(setarch "$(uname -m)" -R)
+
+status=0
+for variant in build: build-asan:address build-tsan:thread; do
+  dir=${variant%%:*}
+  sanitize=${variant#*:}
+  echo "=== $dir ${sanitize:+($sanitize)}"
+  scripts/build.sh "$dir" "$sanitize"
+  runner=()
+  [ "$sanitize" = thread ] && runner=("${no_aslr[@]}")
+  "${runner[@]}" ctest --test-dir "$dir" --output-on-failure -j4 --timeout 300 || status=1
+done
+exit $status
