@@ -111,9 +111,15 @@ int ChildProcess::WaitExit(int timeout_ms)
         int status = 0;
         pid_t done = waitpid(pid_, &status, WNOHANG);
         if (done == pid_) {
-            pid_ = -1;
             exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            // The process group may hold nothing else; make sure of it.
+            // Nothing of its group may outlive it or hold its pipes open; then
+            // collect every byte it wrote before its exit is reported.
+            kill(-pid_, SIGKILL);
+            pid_ = -1;
+            if (stdout_reader_.joinable())
+                stdout_reader_.join();
+            if (stderr_reader_.joinable())
+                stderr_reader_.join();
             return exit_code_;
         }
         if (std::chrono::steady_clock::now() >= deadline)

@@ -8,15 +8,15 @@
 
 #include <chrono>
 
-UdpPeer::UdpPeer(uint16_t port)
+UdpPeer::UdpPeer(const char* host, uint16_t port)
 {
     fd_ = socket(AF_INET, SOCK_DGRAM, 0);
     struct sockaddr_in local = {};
     local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_aton(host, &local.sin_addr);
     local.sin_port = htons(port);
     if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
-        ADD_FAILURE() << "cannot bind test peer on port " << port;
+        ADD_FAILURE() << "cannot bind test peer on " << host << ":" << port;
         return;
     }
     socklen_t length = sizeof local;
@@ -69,4 +69,10 @@ int UdpPeer::SendTo(uint16_t port, const void* data, size_t length)
     destination.sin_port = htons(port);
     return static_cast<int>(
         sendto(fd_, data, length, 0, reinterpret_cast<sockaddr*>(&destination), sizeof destination));
+}
+
+void UdpPeer::SetReceiveBuffer(int bytes)
+{
+    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
 }

@@ -1,0 +1,183 @@
+// Start-up of the real daemon: banner, board files, options, usage and exit codes.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "support/child_process.h"
+#include "support/fake_camera.h"
+#include "support/isolation.h"
+
+namespace {
+
+const char kUsage[] =
+    "DJI Pocket 2 Wi-Fi receiver\n"
+    "Usage:\n"
+    "-i | --iface=<interface> default wifi0\n"
+    "-h | --host=<pocket2_host> default 192.168.2.1\n"
+    "-p | --port=<pocket2_port> default 9004\n"
+    "-d | --dst-host=<destination_host>\n"
+    "-s | --dst-port=<destination_port>\n"
+    "-v | --verbose\n"
+    "-? | --help - show this help\n";
+
+const char kBanner[] = "\nDJI Pocket 2 Wi-Fi client\nBoard model: ";
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+void WriteFile(const std::string& path, const std::string& text)
+{
+    std::ofstream(path) << text;
+}
+
+bool EndsWith(const std::string& text, const std::string& tail)
+{
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+class StartupTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        REQUIRE_ISOLATION();
+        mkdir("/run/tarnwickrelay", 0755);
+    }
+
+    // Runs the daemon to its end; returns the exit code.
+    int RunToExit(const std::vector<std::string>& arguments, int timeout_ms = 5000)
+    {
+        EXPECT_TRUE(daemon.Start(DaemonPath(), arguments));
+        return daemon.WaitExit(timeout_ms);
+    }
+
+    ChildProcess daemon;
+};
+
+TEST_F(StartupTest, HelpPrintsTheUsageTextAndExitsWithOne)
+{
+    for (const char* help : {"-?", "--help"}) {
+        ChildProcess run;
+        ASSERT_TRUE(run.Start(DaemonPath(), {help}));
+        EXPECT_EQ(run.WaitExit(5000), 1) << help;
+        std::string log = run.Stderr();
+        EXPECT_EQ(log.rfind(kBanner, 0), 0u) << log;
+        EXPECT_TRUE(EndsWith(log, kUsage)) << log;
+    }
+}
+
+TEST_F(StartupTest, UnknownOptionsAndMissingValuesAreUsageErrors)
+{
+    for (std::vector<std::string> arguments : {std::vector<std::string>{"--bogus"}, {"-x"}, {"-p"}, {"--dst-port"}}) {
+        ChildProcess run;
+        ASSERT_TRUE(run.Start(DaemonPath(), arguments));
+        EXPECT_EQ(run.WaitExit(5000), 1) << arguments[0];
+        std::string log = run.Stderr();
+        EXPECT_TRUE(EndsWith(log, kUsage)) << log;
+        // getopt_long's own line names the culprit before the usage text.
+        EXPECT_NE(log.find(arguments[0].substr(arguments[0].find_first_not_of('-'))), std::string::npos) << log;
+    }
+}
+
+TEST_F(StartupTest, MissingDestinationEndsWithOne)
+{
+    const std::vector<std::vector<std::string>> cases = {
+        {"--dst-port", "0"}, {"--dst-port", "abc"}, {"-s", "0"}, {"--dst-host", ""}, {"-d", ""}};
+    for (const auto& arguments : cases) {
+        ChildProcess run;
+        ASSERT_TRUE(run.Start(DaemonPath(), arguments));
+        EXPECT_EQ(run.WaitExit(5000), 1) << arguments[0] << " " << arguments[1];
+        EXPECT_TRUE(EndsWith(run.Stderr(), "Destination host or port not set\n")) << run.Stderr();
+    }
+}
+
+TEST_F(StartupTest, OverLongValuesAreRefusedAndFullLengthOnesAccepted)
+{
+    const std::vector<std::vector<std::string>> refused = {{"--iface", "abcdefghij"},
+                                                           {"--host", "1234567890.1234567890."},
+                                                           {"--dst-host", "1234567890.123456789"}};
+    for (const auto& arguments : refused) {
+        ChildProcess run;
+        ASSERT_TRUE(run.Start(DaemonPath(), arguments));
+        EXPECT_EQ(run.WaitExit(5000), 1) << arguments[0];
+        std::string log = run.Stderr();
+        EXPECT_NE(log.find("Value of " + arguments[0] + " too long"), std::string::npos) << log;
+        EXPECT_TRUE(EndsWith(log, kUsage)) << log;
+    }
+    FakeCamera camera;
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"-v", "-i", "abcdefghi"})));
+    EXPECT_TRUE(daemon.WaitForStderr("Using interface abcdefghi\n", 5000)) << daemon.Stderr();
+}
+
+TEST_F(StartupTest, ShortOptionsAndLeadingDigitsOfNumbers)
+{
+    // "-h" is the camera host, and "<port>abc" is the port.
+    FakeCamera camera;
+    std::string port = std::to_string(camera.port()) + "abc";
+    ASSERT_TRUE(daemon.Start(DaemonPath(), {"-h", "127.0.0.1", "-p", port}));
+    EXPECT_TRUE(camera.AwaitConnectRequest(5000)) << daemon.Stderr();
+    EXPECT_EQ(daemon.Stderr().find("Usage:"), std::string::npos);
+}
+
+TEST_F(StartupTest, QuietStartupLinesBoardFileAndApInterface)
+{
+    // A board model of our own, where the board's device tree would be.
+    bool model_mounted = mount("tmpfs", "/sys/firmware", "tmpfs", 0, nullptr) == 0;
+    if (model_mounted) {
+        mkdir("/sys/firmware/devicetree", 0755);
+        mkdir("/sys/firmware/devicetree/base", 0755);
+        WriteFile("/sys/firmware/devicetree/base/model", "Raspberry Pi Zero 2 W Rev 1.0");
+    }
+    FakeCamera camera;
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(camera.port())));
+    ASSERT_TRUE(camera.AwaitConnectRequest(5000));
+    std::string expected = std::string(kBanner) + (model_mounted ? "Raspberry Pi Zero 2 W Rev 1.0" : "") +
+                           "\nBoard supported\nInit telemetry buffer\n";
+    EXPECT_EQ(daemon.Stderr().rfind(expected, 0), 0u) << daemon.Stderr();
+    EXPECT_EQ(daemon.Stderr().find("Init connection"), std::string::npos) << "verbose lines without --verbose";
+    EXPECT_EQ(ReadFile("/run/tarnwickrelay/board_supported"), "1");
+}
+
+TEST_F(StartupTest, VerboseLinesInTheirOrder)
+{
+    WriteFile("/run/tarnwickrelay/ap.iface", "uap0\n");
+    FakeCamera camera;
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"--verbose", "--iface", "wlan1"})));
+    std::string port = std::to_string(camera.port());
+    ASSERT_TRUE(daemon.WaitForStderr("via iface uap0 \n", 5000)) << daemon.Stderr();
+    std::string expected = "Init telemetry buffer\n"
+                           "Using interface wlan1\n"
+                           "Init connection to main application 127.0.0.1:5000\n"
+                           "Done\n"
+                           "Init connection to camera 127.0.0.1:" + port + " via iface wlan1\n"
+                           "Done\n";
+    EXPECT_NE(daemon.Stderr().find(expected), std::string::npos) << daemon.Stderr();
+}
+
+TEST_F(StartupTest, ApInterfaceNameIsCutToTenBytes)
+{
+    WriteFile("/run/tarnwickrelay/ap.iface", "abcdefghijklmnop\r\n");
+    FakeCamera camera;
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"-v"})));
+    EXPECT_TRUE(daemon.WaitForStderr("Init data bridge server for DJI MIMO via iface abcdefghij\n", 5000))
+        << daemon.Stderr();
+}
+
+TEST_F(StartupTest, DefaultsReachTheCameraAt192_168_2_1)
+{
+    // The camera's real address, on this test's own loopback.
+    ASSERT_EQ(system("ip addr add 192.168.2.1/32 dev lo"), 0);
+    UdpPeer camera("192.168.2.1", 9004);
+    ASSERT_TRUE(daemon.Start(DaemonPath(), {}));
+    EXPECT_EQ(camera.ReceiveOfLength(48, 5000).size(), 48u) << daemon.Stderr();
+}
+
+}  // namespace
