@@ -1,5 +1,29 @@
 #pragma once
+// Commands from the main application, received on command_endpoint.
+//
+//  - "!" followed by one JSON object: a command ("cmd", "param", "value" ..
+//    "value4", all JSON strings) turned into a camera or gimbal command;
+//  - 05 01 followed by a signed 16-bit little-endian zoom rate.
+// Everything else is dropped without a word.
+#include <atomic>
 #include <cstdint>
 
-// command_endpoint's on_receive: one command datagram from the main application.
+// How the remote control's gimbal axes are applied: -1 not yet chosen,
+// 0 relative (speed), 1 absolute (angle). Written by the command thread,
+// read by the remote-control thread once per cycle: an atomic, so each read
+// sees a whole value (no ordering with other data is needed).
+constexpr int32_t kMovementUnset = -1;
+constexpr int32_t kMovementRelative = 0;
+constexpr int32_t kMovementAbsolute = 1;
+extern std::atomic<int32_t> MovementMode;
+
+// Digital-zoom step in hundredths, added on every remote-control cycle while
+// non-zero. Written by the command thread and the remote-control thread, read
+// by the remote-control thread: an atomic.
+extern std::atomic<int32_t> ZoomRate;
+
+// command_endpoint's on_receive: one command datagram from the main
+// application. `buffer` holds the datagram from byte 0 and is zero-filled
+// after it (command_endpoint clears its buffer before each receive), so the
+// JSON text ends at the first zero byte.
 void HandleAppDatagram(uint8_t* buffer, uint16_t length, const char* peer_ip, uint16_t peer_port);

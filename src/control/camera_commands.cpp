@@ -1,4 +1,4 @@
 #include "control/camera_commands.h"
 
 // The command set is not built yet.
-void TrackingStart() {}
+void TrackingStart(float, float, float, float) {}
