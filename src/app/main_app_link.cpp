@@ -23,6 +23,7 @@ int MainAppLinkInit(const char* destination_host, int32_t destination_port)
     link.destination_port = destination_port;
     if (link.command_endpoint.Open(0) != 0)
         return -1;
+    link.command_endpoint.timeout_ms = kUdpDefaultTimeoutMs;
     link.command_endpoint.clear_before_receive = true;
     link.command_endpoint.on_receive = HandleAppDatagram;
     link.command_endpoint.AttachBuffer(link.command_buffer, sizeof link.command_buffer);
@@ -34,7 +35,7 @@ int MainAppLinkInit(const char* destination_host, int32_t destination_port)
 int SendToMainApp(const void* data, size_t length)
 {
     const MainAppLink& link = main_app_link;
-    if (link.destination_host[0] == '\0' || link.destination_port == 0)
+    if (link.destination_host[0] == '\0' || link.destination_port == 0 || length > UINT16_MAX)
         return -1;
     return main_app_link.command_endpoint.SendTo(data, static_cast<uint16_t>(length), link.destination_host,
                                                  static_cast<uint16_t>(link.destination_port));
