@@ -51,11 +51,13 @@ void SimLogReceived(const uint8_t* data, size_t length)
     }
     uint16_t rx = ReadLe16(data + kCommandRxOffset);
     if (length == kAckDatagramSize) {
-        uint32_t count = ++sim.acks_received;
+        ++sim.acks_received;
+        static bool first_ack_logged = false;  // only the receive thread logs
         if (sim.options.log_acks)
             printf("rx ack camera seq %u\n", rx);
-        else if (count == 1)
+        else if (!first_ack_logged)
             printf("rx first ack camera seq %u\n", rx);
+        first_ack_logged = true;
         return;
     }
     const uint8_t* frame = data + kCommandHeaderSize;
