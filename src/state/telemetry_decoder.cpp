@@ -89,7 +89,7 @@ void OpenSharedAttitude()
 
 void DecodeGimbalState(CameraState* state, const Payload& p)
 {
-    uint8_t bits = p.U8(0);
+    uint8_t bits = p.U8(gimbal_state_report::kBits);
     state->gimbal_bit1 = (bits >> 1) & 1;
     state->gimbal_bit5 = (bits >> 5) & 1;
     state->gimbal_bit4 = (bits >> 4) & 1;
@@ -97,18 +97,19 @@ void DecodeGimbalState(CameraState* state, const Payload& p)
 
 void DecodeTracking(CameraState* state, const Payload& p)
 {
-    state->tracking_active = (p.U8(5) != 0 && p.U8(6) != 0) ? 1 : 0;
+    namespace r = tracking_report;
+    state->tracking_active = (p.U8(r::kSubjectA) != 0 && p.U8(r::kSubjectB) != 0) ? 1 : 0;
     state->tracking_time = StampNow();
-    state->tracking_x = p.F32(7);
-    state->tracking_y = p.F32(11);
-    state->tracking_w = p.F32(15);
-    state->tracking_h = p.F32(19);
+    state->tracking_x = p.F32(r::kX);
+    state->tracking_y = p.F32(r::kY);
+    state->tracking_w = p.F32(r::kW);
+    state->tracking_h = p.F32(r::kH);
 }
 
 void DecodeBattery(CameraState* state, const Payload& p)
 {
-    state->battery_level = static_cast<int8_t>(p.U8(0));
-    state->battery_charging = p.U8(39) != 0 ? 1 : 0;
+    state->battery_level = static_cast<int8_t>(p.U8(battery_report::kLevel));
+    state->battery_charging = p.U8(battery_report::kCharging) != 0 ? 1 : 0;
 }
 
 // The whole playback frame on standard error, as one write.
@@ -123,48 +124,51 @@ void LogPlaybackFrame(const uint8_t* frame, size_t length)
 
 void DecodePlayback(CameraState* state, const Payload& p)
 {
-    SetText(state->pl_state, PlaybackStateText(p.U8(0)));
-    state->pl_id = p.U16(4);
-    state->pl_dur_ms = p.U32(9);
+    namespace r = playback_report;
+    SetText(state->pl_state, PlaybackStateText(p.U8(r::kState)));
+    state->pl_id = p.U16(r::kClipId);
+    state->pl_dur_ms = p.U32(r::kDurationMs);
     memset(state->pl_dur, 0, sizeof state->pl_dur);
     FormatTimeText(state->pl_dur_ms / 1000, state->pl_dur, sizeof state->pl_dur);
-    state->pl_time_ms = p.U32(13);
+    state->pl_time_ms = p.U32(r::kPositionMs);
     memset(state->pl_time, 0, sizeof state->pl_time);
     FormatTimeText(state->pl_time_ms / 1000, state->pl_time, sizeof state->pl_time);
 }
 
 void DecodeGimbalAttitude(CameraState* state, const Payload& p)
 {
-    state->gimbal_attitude[0] = static_cast<int16_t>(p.U16(8));
-    // The second angle folded about 180.0 degrees (tenths).
-    int32_t pitch = static_cast<int16_t>(p.U16(0));
-    int32_t folded = pitch < 0 ? -1800 - pitch : (pitch > 0 ? 1800 - pitch : 0);
+    namespace r = gimbal_attitude_report;
+    state->gimbal_attitude[0] = static_cast<int16_t>(p.U16(r::kAngle0));
+    // Folded about 180.0 degrees (tenths).
+    int32_t angle = static_cast<int16_t>(p.U16(r::kAngle1));
+    int32_t folded = angle < 0 ? -1800 - angle : (angle > 0 ? 1800 - angle : 0);
     state->gimbal_attitude[1] = static_cast<int16_t>(folded);
-    state->gimbal_attitude[2] = static_cast<int16_t>(-static_cast<int32_t>(p.U16(2)));
+    state->gimbal_attitude[2] = static_cast<int16_t>(-static_cast<int32_t>(p.U16(r::kAngle2)));
     if (shared_attitude != nullptr) {
         for (int i = 0; i < 3; ++i)
             WriteLe16(shared_attitude + 2 * i, static_cast<uint16_t>(state->gimbal_attitude[i]));
     }
     memcpy(state->gimbal_limits, kGimbalLimits, sizeof state->gimbal_limits);
-    state->gimbal_mode_flag = (p.U8(6) & 0x80) ? 0 : 1;
+    state->gimbal_mode_flag = (p.U8(r::kModeBits) & 0x80) ? 0 : 1;
 }
 
 void DecodeFocus(CameraState* state, const Payload& p)
 {
+    namespace r = focus_report;
     state->focus_reported = 1;
-    state->focus_mode_code = p.U8(0);
+    state->focus_mode_code = p.U8(r::kMode);
     SetText(state->focus_mode, SettingReadBack(FocusTypeCodes, state->focus_mode_code));
-    state->focus_param_1 = p.U8(1);
-    state->focus_param_3 = p.U8(3);
-    state->focus_point_x = p.F32(13);
-    state->focus_point_y = p.F32(17);
-    state->focus_param_21 = p.U8(21);
-    state->focus_param_31 = p.U8(31);
+    state->focus_param_1 = p.U8(r::kParam1);
+    state->focus_param_3 = p.U8(r::kParam3);
+    state->focus_point_x = p.F32(r::kPointX);
+    state->focus_point_y = p.F32(r::kPointY);
+    state->focus_param_21 = p.U8(r::kParam21);
+    state->focus_param_31 = p.U8(r::kParam31);
 }
 
 void DecodeHistogram(CameraState* state, const Payload& p)
 {
-    const uint8_t* bins = p.Bytes(0, kHistogramBinCount);
+    const uint8_t* bins = p.Bytes(histogram_report::kBins, kHistogramBinCount);
     if (bins == nullptr)
         return;
     memcpy(state->histogram_bins, bins, kHistogramBinCount);
@@ -173,27 +177,28 @@ void DecodeHistogram(CameraState* state, const Payload& p)
 
 void DecodeCameraInfo(CameraState* state, const Payload& p)
 {
-    state->camera_flags = p.U8(0);
-    state->camera_aux_1 = p.U8(31);
-    state->camera_aux_2 = p.U8(2);
-    uint8_t model = p.U8(33);
+    namespace r = camera_info_report;
+    state->camera_flags = p.U8(r::kFlags);
+    state->camera_aux_1 = p.U8(r::kAux1);
+    state->camera_aux_2 = p.U8(r::kAux2);
+    uint8_t model = p.U8(r::kModel);
     const char* model_text = CameraModelText(model);
     if (model_text != nullptr)
         SetText(state->camera_model, model_text);
     else
         snprintf(state->camera_model, sizeof state->camera_model, "Unknown camera (%d)", model);
     state->camera_detected = 1;
-    state->mode_code = p.U8(4);
+    state->mode_code = p.U8(r::kMode);
     SetText(state->camera_mode, SettingReadBack(CameraModeCodes, state->mode_code));
-    state->sd_free_mb = p.U32(9);
+    state->sd_free_mb = p.U32(r::kSdFreeMb);
     if (state->sd_free_mb != 0)
-        snprintf(state->sd, sizeof state->sd, "%1.1fG", static_cast<float>(state->sd_free_mb) * 0.001f);
+        snprintf(state->sd, sizeof state->sd, "%1.1fG", static_cast<double>(static_cast<float>(state->sd_free_mb) * 0.001f));
     else
         state->sd[0] = '\0';
-    state->shots_left = p.U32(13);
-    state->rec_time_left_s = p.U32(17);
+    state->shots_left = p.U32(r::kShotsLeft);
+    state->rec_time_left_s = p.U32(r::kRecTimeLeft);
     FormatTimeText(state->rec_time_left_s, state->rec_time_left, sizeof state->rec_time_left);
-    state->rec_time_s = p.U16(29);
+    state->rec_time_s = p.U16(r::kRecTime);
     FormatTimeText(state->rec_time_s, state->rec_time, sizeof state->rec_time);
 }
 
@@ -223,35 +228,37 @@ void UpdateZoomMax(CameraState* state, uint8_t resolution_code)
 
 void DecodeSettings(CameraState* state, const Payload& p)
 {
-    uint8_t resolution_code = p.U8(13);
+    namespace r = settings_report;
+    uint8_t resolution_code = p.U8(r::kResolution);
     SetText(state->resolution, VideoResolutionReadBack(resolution_code));
     UpdateZoomMax(state, resolution_code);
-    state->zoom = p.U16(89);
-    SetText(state->framerate, FrameRateReadBack(p.U8(14)));
-    SetText(state->wb, WhiteBalanceReadBack(p.U8(23)));
-    state->wb_temp = static_cast<float>(p.U8(24) * kWhiteBalanceKelvinPerUnit);
-    SetText(state->shot_mode, SettingReadBack(ShotModeCodes, p.U8(12)));
-    uint16_t aperture = p.U16(38);
+    state->zoom = p.U16(r::kZoom);
+    SetText(state->framerate, FrameRateReadBack(p.U8(r::kFrameRate)));
+    SetText(state->wb, WhiteBalanceReadBack(p.U8(r::kWhiteBalance)));
+    state->wb_temp = static_cast<float>(p.U8(r::kWhiteBalanceTemperature) * kWhiteBalanceKelvinPerUnit);
+    SetText(state->shot_mode, SettingReadBack(ShotModeCodes, p.U8(r::kShotMode)));
+    uint16_t aperture = p.U16(r::kAperture);
     double f_number = aperture * 0.01;
     // Whole f-numbers print without decimals; judged on the integer so that
     // no rounding of the product can make 2.0 look fractional.
     snprintf(state->aperture, sizeof state->aperture, aperture % 100 == 0 ? "%1.0f" : "%1.1f", f_number);
-    state->iso = p.U16(43);
-    SetText(state->iso_set, IsoReadBack(p.U8(5)));
-    state->ae = p.U8(56) != 0 ? 1 : 0;
-    state->ae_aux = p.U8(58);
-    SetText(state->ev, EvReadBack(p.U8(6)));
-    SetText(state->color_mode, SettingReadBack(ColorModeCodes, p.U8(31)));
-    SetText(state->image_mode, SettingReadBack(ExposureModeCodes, p.U8(20)));
-    SetText(state->ratio, SettingReadBack(AspectRatioCodes, p.U8(10)));
-    uint8_t sensor = SensorResolutionReadBack(p.U8(9));
+    state->iso = p.U16(r::kIso);
+    SetText(state->iso_set, IsoReadBack(p.U8(r::kIsoSet)));
+    state->ae = p.U8(r::kAeLock) != 0 ? 1 : 0;
+    state->ae_aux = p.U8(r::kAeAux);
+    SetText(state->ev, EvReadBack(p.U8(r::kEv)));
+    SetText(state->color_mode, SettingReadBack(ColorModeCodes, p.U8(r::kColorMode)));
+    SetText(state->image_mode, SettingReadBack(ExposureModeCodes, p.U8(r::kExposureProgram)));
+    SetText(state->ratio, SettingReadBack(AspectRatioCodes, p.U8(r::kRatio)));
+    uint8_t sensor = SensorResolutionReadBack(p.U8(r::kSensor));
     if (sensor != 0)
         state->sensor = sensor;
-    SetText(state->video_std, SettingReadBack(VideoStandardCodes, p.U8(55) & kVideoStandardReportMask));
-    SetText(state->antiflicker, SettingReadBack(AntiFlickerCodes, p.U8(32)));
-    state->shutter_set_raw = p.U24(2);
+    SetText(state->video_std,
+            SettingReadBack(VideoStandardCodes, p.U8(r::kVideoStandard) & kVideoStandardReportMask));
+    SetText(state->antiflicker, SettingReadBack(AntiFlickerCodes, p.U8(r::kAntiFlicker)));
+    state->shutter_set_raw = p.U24(r::kShutterSet);
     FormatShutterText(state->shutter_set_raw, state->shutter_set, sizeof state->shutter_set);
-    state->shutter_raw = p.U24(40);
+    state->shutter_raw = p.U24(r::kShutter);
     FormatShutterText(state->shutter_raw, state->shutter, sizeof state->shutter);
 }
 

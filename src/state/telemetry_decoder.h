@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "state/camera_state.h"
+#include "state/report_layout.h"
 
 // The telemetry decoder: finds the camera's report frames in a block of its
 // data stream, checks them, tells the report kinds apart by frame length
@@ -15,22 +16,7 @@
 // nor created, or not mapped, the decoder says so once and goes on without
 // publishing (it never tries again and never writes through a failed mapping).
 
-// Frame lengths (byte 1) of the report kinds.
-constexpr size_t kGimbalStateReportLength = 17;      // command set 4, id 0x19
-constexpr size_t kTrackingReportLength = 36;
-constexpr size_t kBatteryReportLength = 53;          // or 57; command set 5
-constexpr size_t kBatteryReportLongLength = 57;
-constexpr size_t kPlaybackReportLength = 54;
-constexpr size_t kAttitudeOrFocusReportLength = 58;  // gimbal attitude: set 4; focus: set 2, type 0
-constexpr size_t kHistogramReportLength = 77;
-constexpr size_t kCameraInfoReportLength = 81;
-constexpr size_t kSettingsReportLength = 107;        // or 116
-constexpr size_t kSettingsReportLongLength = 116;
 constexpr size_t kDecodableMinimumLength = 10;
-constexpr uint8_t kGimbalCommandSet = 4;
-constexpr uint8_t kGimbalStateCommandId = 0x19;
-constexpr uint8_t kCameraCommandSet = 2;
-constexpr uint8_t kBatteryCommandSet = 5;
 
 // Gimbal limits stored with every attitude report.
 constexpr int16_t kGimbalLimits[4] = {73, -232, 52, -102};
