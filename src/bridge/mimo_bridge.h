@@ -1,16 +1,60 @@
 #pragma once
+// The data bridge for the phone app DJI MIMO.
+//
+// The phone joins the board's access point and sends its camera traffic to
+// the camera's own address and port. A NAT rule on the access-point interface
+// redirects that traffic to bridge_endpoint (local port 9004); each phone
+// datagram goes on to the camera unchanged, and each camera datagram comes
+// back to the phone unchanged from port 9004, so the reply passes back through
+// the same NAT mapping and the phone sees it coming from the camera. While the
+// phone talks, the camera link leaves keep-alives and video acknowledgements
+// to it (IsMimoConnected).
+//
+// Threads: OnPhoneDatagram runs on bridge_endpoint's receive thread,
+// ForwardToPhone on the camera endpoint's receive thread, the peer check on
+// the main thread. The phone's address is bridge_endpoint's peer, read as one
+// consistent copy under its peer_lock (GetPeer). mimo_connected is an atomic
+// flag written by the found / lost callbacks (receive thread and main thread,
+// both under peer_lock) and read by the camera thread and the camera receive
+// thread.
+//
+// Decisions:
+// - The rule is run through the shell as one command built from the host and
+//   the interface name (a file that another program maintains). Texts holding
+//   anything but the characters of interface names and dotted addresses are
+//   not handed to the shell: the rule is then simply not inserted, as when
+//   iptables fails.
+// - The flag is set before "DJI MIMO connection found\n" is written and
+//   cleared before "DJI MIMO connection lost\n", so whoever reads the line
+//   finds the camera link already behaving accordingly.
 #include <cstddef>
 #include <cstdint>
 
 #include "net/udp_endpoint.h"
 
+constexpr uint16_t kMimoBridgePort = 9004;
+constexpr uint16_t kMimoReceiveBufferSize = 10000;
+constexpr size_t kNatCommandCapacity = 256;
+
 extern UdpEndpoint bridge_endpoint;
 
-// Sets up the phone app's bridge. Returns 0 or -1 (the caller goes on either way).
+// Sets up the phone app's bridge: inserts the NAT rule (result not looked at)
+// and opens bridge_endpoint on port 9004. Returns 0, or -1 when the port
+// cannot be bound (the caller goes on either way; no phone is ever seen then).
 int MimoBridgeInit(const char* camera_host, int32_t camera_port, const char* ap_iface);
+
+// Formats the iptables command that redirects the phone's traffic for
+// camera_host:camera_port arriving on ap_iface to the bridge port, into a
+// zeroed buffer of `capacity` bytes. Returns 0, or -1 when a text holds a
+// character that must not reach the shell (the buffer is then left empty).
+int FormatNatRuleCommand(char* out, size_t capacity, const char* ap_iface, const char* camera_host,
+                         int32_t camera_port);
 
 // True while the phone app's traffic is live.
 bool IsMimoConnected();
 
 // Passes a camera datagram, unchanged, to the phone app when it is connected.
 void ForwardToPhone(const uint8_t* data, size_t length);
+
+// bridge_endpoint's on_receive: the phone's datagram goes to the camera unchanged.
+void OnPhoneDatagram(uint8_t* buffer, uint16_t length, const char* peer_ip, uint16_t peer_port);
