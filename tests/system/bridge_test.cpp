@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -184,6 +185,7 @@ TEST(BridgeNat, PhoneReachesTheCameraThroughTheBoardsNatRule)
     REQUIRE_ISOLATION();
     Network network;
     std::string error;
+    ASSERT_FALSE(FindProgram("iptables").empty()) << "iptables is missing: scripts/setup.sh installs it";
     ASSERT_TRUE(network.Build(&error)) << error;
     if (network.iptables.empty())
         GTEST_SKIP() << "the kernel offers no NAT table to iptables here, so no REDIRECT rule can work:\n"
@@ -285,6 +287,21 @@ size_t RedirectRulesHere()
     return count;
 }
 
+// The real user id of a running process, from /proc.
+std::string DaemonUid(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("Uid:", 0) == 0) {
+            std::stringstream fields(line.substr(4));
+            std::string uid;
+            fields >> uid;
+            return uid;
+        }
+    return "?";
+}
+
 struct FallbackCase {
     const char* name;
     bool privileged;
@@ -323,6 +340,7 @@ TEST(BridgeFallback, NoRuleButTheBridgePortOpensAndTheDaemonGoesOn)
         ChildProcess daemon;
         ASSERT_TRUE(daemon.Start(program, arguments));
         ASSERT_TRUE(daemon.WaitForStderr("Camera connection found\n", 6000)) << daemon.Stderr();
+        EXPECT_EQ(DaemonUid(daemon.pid()), with.privileged ? "0" : "65534");
 
         NamespaceUdpSocket phone(nullptr, "127.0.0.1", 0);
         int64_t talk_start = SteadyMs();
