@@ -1,0 +1,228 @@
+// Setting commands through the real daemon: each JSON command word and value
+// to the exact frames the camera receives, and the log lines it writes.
+// Expected frames are written from the camera's command set, id and payload
+// bytes (ExpectedFrameHex), independently of the daemon's templates.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "support/command_peers.h"
+#include "support/isolation.h"
+
+namespace {
+
+using Case = CommandCase;
+
+std::string Json(const JsonMembers& members)
+{
+    return JsonCommand(members);
+}
+
+std::string F(uint8_t command_set, uint8_t command_id, const std::string& payload)
+{
+    return ExpectedFrameHex(command_set, command_id, payload);
+}
+
+class SettingCommandsTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        REQUIRE_ISOLATION();
+        ASSERT_TRUE(rig.Start()) << rig.daemon.Stderr();
+    }
+
+    void Check(const std::vector<Case>& cases) { CheckCommandCases(rig, cases); }
+
+    CommandRig rig;
+};
+
+TEST_F(SettingCommandsTest, ExposureProgramWords)
+{
+    Check({
+        {Json({{"cmd", "video_mode"}, {"param", "auto"}}), {F(0x02, 0x1e, "01 00")}, "Camera set image mode auto\n"},
+        {Json({{"cmd", "video_mode"}, {"param", "shutter"}}), {F(0x02, 0x1e, "02 00")},
+         "Camera set image mode shutter\n"},
+        {Json({{"cmd", "video_mode"}, {"param", "aperture"}}), {F(0x02, 0x1e, "03 00")},
+         "Camera set image mode aperture\n"},
+        {Json({{"cmd", "video_mode"}, {"param", "manual"}}), {F(0x02, 0x1e, "04 00")},
+         "Camera set image mode manual\n"},
+        {Json({{"cmd", "video_mode"}, {"param", "Manual"}}), {}, "Camera set image mode Manual\n"},
+        {Json({{"cmd", "video_mode"}}), {}, ""},
+    });
+}
+
+TEST_F(SettingCommandsTest, EveryShutterText)
+{
+    // Payload 01, value (whole number, bit 15 for 1/x), decimal digits.
+    const std::pair<const char*, const char*> rows[] = {
+        {"30\"", "01 1e 00 00"}, {"25\"", "01 19 00 00"}, {"20\"", "01 14 00 00"},
+        {"15\"", "01 0f 00 00"}, {"10\"", "01 0a 00 00"}, {"9\"", "01 09 00 00"},
+        {"8\"", "01 08 00 00"}, {"7\"", "01 07 00 00"}, {"6\"", "01 06 00 00"},
+        {"5\"", "01 05 00 00"}, {"4\"", "01 04 00 00"}, {"3.2\"", "01 03 00 02"},
+        {"3\"", "01 03 00 00"}, {"2.5\"", "01 02 00 05"}, {"2\"", "01 02 00 00"},
+        {"1.6\"", "01 01 00 06"}, {"1.3\"", "01 01 00 03"}, {"1\"", "01 01 00 00"},
+        {"1/1.25", "01 01 80 19"}, {"1/1.67", "01 01 80 43"}, {"1/2", "01 02 80 00"},
+        {"1/2.5", "01 02 80 05"}, {"1/3", "01 03 80 00"}, {"1/4", "01 04 80 00"},
+        {"1/5", "01 05 80 00"}, {"1/6.25", "01 06 80 19"}, {"1/8", "01 08 80 00"},
+        {"1/10", "01 0a 80 00"}, {"1/12.5", "01 0c 80 05"}, {"1/15", "01 0f 80 00"},
+        {"1/20", "01 14 80 00"}, {"1/25", "01 19 80 00"}, {"1/30", "01 1e 80 00"},
+        {"1/40", "01 28 80 00"}, {"1/50", "01 32 80 00"}, {"1/60", "01 3c 80 00"},
+        {"1/80", "01 50 80 00"}, {"1/100", "01 64 80 00"}, {"1/120", "01 78 80 00"},
+        {"1/160", "01 a0 80 00"}, {"1/200", "01 c8 80 00"}, {"1/240", "01 f0 80 00"},
+        {"1/320", "01 40 81 00"}, {"1/400", "01 90 81 00"}, {"1/500", "01 f4 81 00"},
+        {"1/640", "01 80 82 00"}, {"1/800", "01 20 83 00"}, {"1/1000", "01 e8 83 00"},
+        {"1/1250", "01 e2 84 00"}, {"1/1600", "01 40 86 00"}, {"1/2000", "01 d0 87 00"},
+        {"1/2500", "01 c4 89 00"}, {"1/3200", "01 80 8c 00"}, {"1/4000", "01 a0 8f 00"},
+        {"1/5000", "01 88 93 00"}, {"1/6400", "01 00 99 00"}, {"1/8000", "01 40 9f 00"},
+        // In no row: still sent, with value and decimal 0.
+        {"1/250", "01 00 00 00"}, {"", "01 00 00 00"}, {"1/8000 ", "01 00 00 00"}, {"8", "01 00 00 00"},
+    };
+    std::vector<Case> cases;
+    for (const auto& row : rows)
+        cases.push_back({Json({{"cmd", "shutter"}, {"param", row.first}}), {F(0x02, 0x28, row.second)},
+                         std::string("Camera set shutter ") + row.first + "\n"});
+    Check(cases);
+}
+
+TEST_F(SettingCommandsTest, ApertureNumbers)
+{
+    Check({
+        {Json({{"cmd", "aperture"}, {"param", "2.8"}}), {F(0x02, 0x26, "18 01")}, "Camera set aperture 2.80\n"},
+        {Json({{"cmd", "aperture"}, {"param", "1.8"}}), {F(0x02, 0x26, "b4 00")}, "Camera set aperture 1.80\n"},
+        {Json({{"cmd", "aperture"}, {"param", "4"}}), {F(0x02, 0x26, "90 01")}, "Camera set aperture 4.00\n"},
+        {Json({{"cmd", "aperture"}, {"param", " 11"}}), {F(0x02, 0x26, "4c 04")}, "Camera set aperture 11.00\n"},
+        {Json({{"cmd", "aperture"}, {"param", "f/2.8"}}), {F(0x02, 0x26, "00 00")}, "Camera set aperture 0.00\n"},
+        {Json({{"cmd", "aperture"}, {"param", "700"}}), {F(0x02, 0x26, "70 11")}, "Camera set aperture 700.00\n"},
+    });
+}
+
+TEST_F(SettingCommandsTest, IsoNumbers)
+{
+    Check({
+        {Json({{"cmd", "iso"}, {"param", "100"}}), {F(0x02, 0x2a, "03")}, "Camera set iso 100\n"},
+        {Json({{"cmd", "iso"}, {"param", "200"}}), {F(0x02, 0x2a, "04")}, "Camera set iso 200\n"},
+        {Json({{"cmd", "iso"}, {"param", "400"}}), {F(0x02, 0x2a, "05")}, "Camera set iso 400\n"},
+        {Json({{"cmd", "iso"}, {"param", "800"}}), {F(0x02, 0x2a, "06")}, "Camera set iso 800\n"},
+        {Json({{"cmd", "iso"}, {"param", "1600"}}), {F(0x02, 0x2a, "07")}, "Camera set iso 1600\n"},
+        {Json({{"cmd", "iso"}, {"param", "3200"}}), {F(0x02, 0x2a, "08")}, "Camera set iso 3200\n"},
+        {Json({{"cmd", "iso"}, {"param", "6400"}}), {F(0x02, 0x2a, "09")}, "Camera set iso 6400\n"},
+        {Json({{"cmd", "iso"}, {"param", "auto"}}), {F(0x02, 0x2a, "00")}, "Camera set iso 0\n"},
+        {Json({{"cmd", "iso"}, {"param", "0"}}), {F(0x02, 0x2a, "00")}, "Camera set iso 0\n"},
+        {Json({{"cmd", "iso"}, {"param", "12800"}}), {F(0x02, 0x2a, "00")}, "Camera set iso 12800\n"},
+        {Json({{"cmd", "iso"}, {"param", "400abc"}}), {F(0x02, 0x2a, "05")}, "Camera set iso 400\n"},
+        {Json({{"cmd", "iso"}, {"param", "0x64"}}), {F(0x02, 0x2a, "00")}, "Camera set iso 0\n"},
+    });
+}
+
+TEST_F(SettingCommandsTest, EveryExposureCompensation)
+{
+    const char* names[] = {"-3.0", "-2.7", "-2.3", "-2.0", "-1.7", "-1.3", "-1.0", "-0.7", "-0.3", "0",
+                           "+0.3", "+0.7", "+1.0", "+1.3", "+1.7", "+2.0", "+2.3", "+2.7", "+3.0"};
+    std::vector<Case> cases;
+    for (int i = 0; i < 19; ++i) {
+        char code[4], log[64];
+        snprintf(code, sizeof code, "%02x", 7 + i);
+        snprintf(log, sizeof log, "Camera set EV %1.1f\n", strtod(names[i], nullptr));
+        cases.push_back({Json({{"cmd", "ev"}, {"param", names[i]}}), {F(0x02, 0x2e, code)}, log});
+    }
+    // The text is converted before the comparison.
+    cases.push_back({Json({{"cmd", "ev"}, {"param", "0.3"}}), {F(0x02, 0x2e, "11")}, "Camera set EV 0.3\n"});
+    cases.push_back({Json({{"cmd", "ev"}, {"param", "0.30"}}), {F(0x02, 0x2e, "11")}, "Camera set EV 0.3\n"});
+    cases.push_back({Json({{"cmd", "ev"}, {"param", "-0"}}), {F(0x02, 0x2e, "10")}, "Camera set EV -0.0\n"});
+    cases.push_back({Json({{"cmd", "ev"}, {"param", "zero"}}), {F(0x02, 0x2e, "10")}, "Camera set EV 0.0\n"});
+    // No exact match: nothing is sent.
+    cases.push_back({Json({{"cmd", "ev"}, {"param", "0.5"}}), {}, "Camera set EV 0.5\n"});
+    cases.push_back({Json({{"cmd", "ev"}, {"param", "0.33"}}), {}, "Camera set EV 0.3\n"});
+    cases.push_back({Json({{"cmd", "ev"}, {"param", "3.3"}}), {}, "Camera set EV 3.3\n"});
+    Check(cases);
+}
+
+TEST_F(SettingCommandsTest, WhiteBalanceModesAndTemperatures)
+{
+    auto wb = [](const char* mode) { return Json({{"cmd", "wb"}, {"param", mode}}); };
+    auto custom = [](const char* kelvin) { return Json({{"cmd", "wb"}, {"param", "custom"}, {"value", kelvin}}); };
+    Check({
+        {wb("auto"), {F(0x02, 0x2c, "00 44")}, "Camera set WB auto\n"},
+        {wb("sunny"), {F(0x02, 0x2c, "01 30")}, "Camera set WB sunny\n"},
+        {wb("cloudy"), {F(0x02, 0x2c, "02 40")}, "Camera set WB cloudy\n"},
+        {wb("incandescent"), {F(0x02, 0x2c, "04 44")}, "Camera set WB incandescent\n"},
+        {wb("neon"), {F(0x02, 0x2c, "05 19")}, "Camera set WB neon\n"},
+        {Json({{"cmd", "wb"}, {"param", "sunny"}, {"value", "6500"}}), {F(0x02, 0x2c, "01 30")},
+         "Camera set WB sunny\n"},
+        {custom("6500"), {F(0x02, 0x2c, "06 41")}, "Camera set WB custom\nCamera set WB temperature 6500\n"},
+        {custom("5600"), {F(0x02, 0x2c, "06 38")}, "Camera set WB custom\nCamera set WB temperature 5600\n"},
+        {custom("10000"), {F(0x02, 0x2c, "06 64")}, "Camera set WB custom\nCamera set WB temperature 10000\n"},
+        {custom("1901"), {F(0x02, 0x2c, "06 14")}, "Camera set WB custom\nCamera set WB temperature 1901\n"},
+        {custom("2099"), {F(0x02, 0x2c, "06 14")}, "Camera set WB custom\nCamera set WB temperature 2099\n"},
+        {custom("25700"), {F(0x02, 0x2c, "06 01")}, "Camera set WB custom\nCamera set WB temperature 25700\n"},
+        {custom("1900"), {}, "Camera set WB custom\nCamera set WB temperature 1900\n"},
+        {custom("1800"), {}, "Camera set WB custom\nCamera set WB temperature 1800\n"},
+        {custom("warm"), {}, "Camera set WB custom\nCamera set WB temperature warm\n"},
+        {wb("custom"), {}, "Camera set WB custom\n"},
+        {wb("Sunny"), {}, "Camera set WB Sunny\n"},
+        {wb("fluorescent"), {}, "Camera set WB fluorescent\n"},
+    });
+}
+
+TEST_F(SettingCommandsTest, ColourModes)
+{
+    Check({
+        {Json({{"cmd", "color"}, {"param", "d-clike"}}), {F(0x02, 0x42, "34")}, "Set color d-clike\n"},
+        {Json({{"cmd", "color"}, {"param", "none"}}), {F(0x02, 0x42, "00")}, "Set color none\n"},
+        {Json({{"cmd", "color"}, {"param", "D-CLIKE"}}), {F(0x02, 0x42, "00")}, "Set color D-CLIKE\n"},
+        {Json({{"cmd", "color"}, {"param", "d-cinelike"}}), {F(0x02, 0x42, "00")}, "Set color d-cinelike\n"},
+    });
+}
+
+TEST_F(SettingCommandsTest, EveryVideoResolutionWord)
+{
+    const struct {
+        const char* word;
+        const char* codes;  // resolution code, frame-rate code
+    } words[] = {
+        {"3840x2160@60", "10 06"}, {"3840x2160@50", "10 05"}, {"3840x2160@48", "10 04"},
+        {"3840x2160@30", "10 03"}, {"3840x2160@25", "10 02"}, {"3840x2160@24", "10 01"},
+        {"2720x1530@60", "1f 06"}, {"2720x1530@50", "1f 05"}, {"2720x1530@48", "1f 04"},
+        {"2720x1530@30", "1f 03"}, {"2720x1530@25", "1f 02"}, {"2720x1530@24", "1f 01"},
+        {"1920x1080@240", "0a 08"}, {"1920x1080@120", "0a 07"}, {"1920x1080@60", "0a 06"},
+        {"1920x1080@50", "0a 05"}, {"1920x1080@48", "0a 04"}, {"1920x1080@30", "0a 03"},
+        {"1920x1080@25", "0a 02"}, {"1920x1080@24", "0a 01"},
+        {"1280x720@60", "04 06"}, {"1280x720@50", "04 05"}, {"1280x720@48", "04 04"},
+        {"1280x720@30", "04 03"}, {"1280x720@25", "04 02"}, {"1280x720@24", "04 01"},
+    };
+    std::vector<Case> cases;
+    for (const auto& w : words)
+        cases.push_back({Json({{"cmd", "video_resolution"}, {"param", w.word}}),
+                         {F(0x02, 0x18, std::string(w.codes) + " 00 00 00"), F(0x02, 0xaf, w.codes)},
+                         std::string("Camera set video resolution ") + w.word + "\n"});
+    // Words that are not in the list send nothing, though the camera knows the numbers.
+    for (const char* other : {"1920x1080@100", "4096x2160@24", "1920X1080@60", "1920x1080@60 ", "1920x1080", ""})
+        cases.push_back({Json({{"cmd", "video_resolution"}, {"param", other}}), {}, ""});
+    Check(cases);
+}
+
+TEST_F(SettingCommandsTest, PhotoFormatShotModeAntiFlickerAndVideoStandard)
+{
+    auto cmd = [](const char* word, const char* param) { return Json({{"cmd", word}, {"param", param}}); };
+    Check({
+        {cmd("video_aspect", "4:3"), {F(0x02, 0x12, "00 00")}, "Camera set image aspect ratio 4:3\n"},
+        {cmd("video_aspect", "16:9"), {F(0x02, 0x12, "00 01")}, "Camera set image aspect ratio 16:9\n"},
+        {cmd("video_aspect", "1:1"), {}, "Camera set image aspect ratio 1:1\n"},
+        {cmd("sensor_res", "16"), {F(0x02, 0x12, "04 01")}, "Camera set sensor resolution 16\n"},
+        {cmd("sensor_res", "64"), {F(0x02, 0x12, "05 01")}, "Camera set sensor resolution 64\n"},
+        {cmd("sensor_res", "12"), {}, "Camera set sensor resolution 12\n"},
+        {cmd("shotmode", "raw"), {F(0x02, 0x16, "00")}, "Camera set shot mode raw\n"},
+        {cmd("shotmode", "jpg"), {F(0x02, 0x16, "01")}, "Camera set shot mode jpg\n"},
+        {cmd("shotmode", "jpg+raw"), {F(0x02, 0x16, "02")}, "Camera set shot mode jpg+raw\n"},
+        {cmd("shotmode", "JPG"), {}, "Camera set shot mode JPG\n"},
+        {cmd("antiflicker", "50"), {F(0x02, 0x46, "01")}, "Camera set anti-flicker 50\n"},
+        {cmd("antiflicker", "60"), {F(0x02, 0x46, "02")}, "Camera set anti-flicker 60\n"},
+        {cmd("antiflicker", "auto"), {F(0x02, 0x46, "00")}, "Camera set anti-flicker auto\n"},
+        {cmd("video_std", "PAL"), {F(0x02, 0x66, "00")}, "Camera set video standard PAL\n"},
+        {cmd("video_std", "NTSC"), {F(0x02, 0x66, "01")}, "Camera set video standard NTSC\n"},
+        {cmd("video_std", "pal"), {}, "Camera set video standard pal\n"},
+    });
+}
+
+}  // namespace
