@@ -45,9 +45,61 @@ void SimSendDatagram(uint8_t type, const uint8_t* payload, size_t length, size_t
 // Logs one datagram received from the service.
 void SimLogReceived(const uint8_t* data, size_t length);
 
-// The data stream: fills `out` with frames for the next data-stream datagram.
+// The data stream: fills `out` with the report frames for the next
+// data-stream datagram. Per datagram (one per --report-period): gimbal
+// attitude, and tracking while it is on; every 2nd: histogram while on;
+// every 5th: camera information, settings, focus, gimbal state, and playback
+// in playback mode; every 10th: battery.
 size_t SimBuildReports(uint8_t* out, size_t capacity);
-// A line typed on standard input that the reports understand ("set iso 400").
+
+// A report setting: "set <key> <value>", the value being the rest of the line.
+// Returns false for a line that is not a "set" line; a set line with an
+// unknown key or a bad value prints "bad setting: <line>" and changes nothing.
+// Thread-safe: any thread may call it (stdin, decoded commands).
+//
+// Keys of the status line, with values as the status line shows them:
+//   camera_model   "DJI Pocket 2", "DJI Pocket Osmo" or a model code 0-255
+//   camera_mode    photo | video | playback | a mode code
+//   sd             free space in GB, "29.7" or "29.7G"; empty or 0: none
+//   shots_left     number
+//   rec_time_left  "hh:mm:ss" or seconds
+//   rec_time       "hh:mm:ss" or seconds (counts on while recording)
+//   battery_level  -128..127 (also "battery"); drifts 1 per minute
+//   battery_charging 0 | 1
+//   shot_mode      RAW | JPG | JPG+RAW
+//   resolution     1280x720, 1920x1080, 3840x2160, 4096x2160, 2704x1520,
+//                  2720x1530, 4000x3000, 2720x2040
+//   framerate      24 | 25 | 30 | 48 | 50 | 60 | 120
+//   format         <resolution>@<framerate>
+//   ae             0 | 1 (auto exposure locked)
+//   aperture       f-number, "2.8"
+//   shutter, shutter_set  a shutter text: "8\"", "3.2\"", "1/240", "1/12.5"
+//   iso            number in use
+//   iso_set        auto | 100 | 200 | 400 | 800 | 1600 | 3200 | 6400
+//   ev             -3.0 ... +3.0 in thirds as shown ("-0.7", "0", "+1.3")
+//   image_mode     auto | shutter | aperture | manual
+//   color_mode     none | d-clike | art | black white | vivid | d-cinelike |
+//                  portrait | beach | dream | classic | nostalgia | d-log
+//   wb             auto | sunny | cloudy | incandescent | neon | custom
+//   wb_temp        kelvin, in steps of 100
+//   ratio          16:9 | 4:3
+//   sensor         16 | 64
+//   video_std      NTSC | PAL
+//   antiflicker    "50 Hz" | "60 Hz" | auto (also 50, 60)
+//   histogram      0 | 1 (histogram reports off / on)
+//   pl_state       playing | paused | stopped (position runs while playing)
+//   pl_id          clip number
+//   pl_dur, pl_time  "hh:mm:ss" or seconds
+// Keys of the binary messages:
+//   recording      0 | 1 (camera flags bits 7..6 = 2; rec_time counts)
+//   zoom           digital zoom as reported (100 = 1x)
+//   attitude       "<a0> <a1> <a2>" gimbal attitude in tenths of a degree
+//                  as the service shows it (the sweep moves around it)
+//   gimbal_sweep   0 | 1 (slow automatic motion, on at start)
+//   gimbal_mode_flag 0 | 1
+//   focus_mode     MF | AFS | AFC
+//   focus_point    "<x> <y>", normalised
+//   tracking       off | lost | "<x> <y> <w> <h>" (a tracked subject)
 bool SimHandleReportCommand(const char* line);
 
 // The video source: the next access unit of the stream, looping.

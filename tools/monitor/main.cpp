@@ -1,0 +1,140 @@
+// tarnwick-monitor: see monitor.h.
+#include <arpa/inet.h>
+#include <getopt.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "monitor.h"
+
+Monitor monitor;
+
+namespace {
+
+constexpr size_t kMaxDatagram = 65536;
+
+void Usage()
+{
+    fputs("Usage: tarnwick-monitor [options]\n"
+          "  --bind=<addr>          address to listen on (default 127.0.0.1)\n"
+          "  --port=<port>          status port, where the service sends (default 5000)\n"
+          "  --notice-port=<port>   recording notice port (default 5255; 0: do not listen)\n"
+          "  --all                  print every message (default: changes, at most one a second per kind)\n"
+          "  --count=<n>            exit after receiving n datagrams\n",
+          stderr);
+}
+
+bool ParsePort(const char* text, uint16_t* port)
+{
+    char* end = nullptr;
+    long value = strtol(text, &end, 10);
+    if (end == text || *end != '\0' || value < 0 || value > 65535)
+        return false;
+    *port = static_cast<uint16_t>(value);
+    return true;
+}
+
+int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
+{
+    enum { kBind = 1, kPort, kNoticePort, kAll, kCount };
+    static const struct option long_options[] = {
+        {"bind", required_argument, nullptr, kBind},
+        {"port", required_argument, nullptr, kPort},
+        {"notice-port", required_argument, nullptr, kNoticePort},
+        {"all", no_argument, nullptr, kAll},
+        {"count", required_argument, nullptr, kCount},
+        {nullptr, 0, nullptr, 0},
+    };
+    for (;;) {
+        int option = getopt_long(argc, argv, "", long_options, nullptr);
+        switch (option) {
+        case -1: return optind == argc ? 0 : (Usage(), -1);
+        case kBind: options->bind_host = optarg; break;
+        case kPort:
+            if (!ParsePort(optarg, &options->status_port) || options->status_port == 0)
+                return Usage(), -1;
+            break;
+        case kNoticePort:
+            if (!ParsePort(optarg, &options->notice_port))
+                return Usage(), -1;
+            break;
+        case kAll: options->every_message = true; break;
+        case kCount: options->exit_after = atol(optarg); break;
+        default: Usage(); return -1;
+        }
+    }
+}
+
+int BindUdp(const char* host, uint16_t port)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (fd < 0)
+        return -1;
+    int reuse = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    struct sockaddr_in local;
+    memset(&local, 0, sizeof local);
+    local.sin_family = AF_INET;
+    local.sin_port = htons(port);
+    if (inet_aton(host, &local.sin_addr) == 0 ||
+        bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof local) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (ParseMonitorOptions(argc, argv, &monitor.options) != 0)
+        return 1;
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    const MonitorOptions& options = monitor.options;
+    monitor.status_socket = BindUdp(options.bind_host, options.status_port);
+    if (monitor.status_socket < 0) {
+        fprintf(stderr, "Cannot bind %s:%u\n", options.bind_host, options.status_port);
+        return 1;
+    }
+    if (options.notice_port != 0) {
+        monitor.notice_socket = BindUdp(options.bind_host, options.notice_port);
+        if (monitor.notice_socket < 0) {
+            fprintf(stderr, "Cannot bind %s:%u\n", options.bind_host, options.notice_port);
+            return 1;
+        }
+    }
+    printf("monitor on %s:%u, notices on %u\n", options.bind_host, options.status_port, options.notice_port);
+
+    static uint8_t datagram[kMaxDatagram];
+    long printed = 0;
+    while (options.exit_after < 0 || printed < options.exit_after) {
+        struct pollfd sockets[2] = {{monitor.status_socket, POLLIN, 0}, {monitor.notice_socket, POLLIN, 0}};
+        int count = monitor.notice_socket >= 0 ? 2 : 1;
+        if (poll(sockets, count, -1) < 0)
+            continue;
+        for (int i = 0; i < count; ++i) {
+            if ((sockets[i].revents & POLLIN) == 0)
+                continue;
+            struct sockaddr_in source;
+            socklen_t source_length = sizeof source;
+            ssize_t length = recvfrom(sockets[i].fd, datagram, sizeof datagram, 0,
+                                      reinterpret_cast<struct sockaddr*>(&source), &source_length);
+            if (length < 0)
+                continue;
+            if (i == 0) {
+                monitor.daemon_address = source;
+                monitor.daemon_known = true;
+                PrintStatusDatagram(datagram, static_cast<size_t>(length));
+            } else {
+                PrintNotice(datagram, static_cast<size_t>(length));
+            }
+            ++printed;
+        }
+    }
+    return 0;
+}
