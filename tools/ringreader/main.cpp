@@ -1,0 +1,186 @@
+// tarnwick-ringreader: reads the live video ring as the main application
+// does and writes the H.264 byte stream to standard output or a file.
+//
+//   build/tarnwick-ringreader | ffplay -f h264 -
+//   build/tarnwick-ringreader --out=live.h264 --idle-exit=3000
+//
+// It starts at the next part the service queues (or at slot 0 when a clear is
+// pending), and by default at the first part that begins with a sequence
+// parameter set, so a player gets a stream it can decode from its first byte.
+// Lines on standard error: "following <name> from slot <n>" once reading,
+// "fell behind: lost <n> parts" for each gap, and a summary at the end.
+#include <fcntl.h>
+#include <getopt.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "net/clock.h"
+#include "video/ring_follower.h"
+
+namespace {
+
+struct ReaderOptions {
+    const char* region_name = kFrameBufferName;
+    const char* out_path = nullptr;     // standard output when null
+    bool from_any_part = false;         // do not wait for a parameter set
+    bool clear_first = false;           // ask the writer to restart the ring at slot 0
+    bool wait_for_region = false;       // the service may not have created it yet
+    uint32_t idle_exit_ms = 0;          // 0: run until stopped
+    uint64_t part_limit = 0;            // 0: no limit
+};
+
+constexpr uint32_t kIdlePollUs = 500;
+constexpr uint32_t kRegionRetryMs = 100;
+
+volatile sig_atomic_t stop_requested = 0;
+
+void OnStopSignal(int)
+{
+    stop_requested = 1;
+}
+
+void Usage()
+{
+    fputs("Usage: tarnwick-ringreader [options]\n"
+          "  --out=<file>         write the stream to a file (default: standard output)\n"
+          "  --all                start at the next part, not at a parameter set\n"
+          "  --clear              ask the service to restart the ring; read from its slot 0\n"
+          "  --wait               wait for the ring to be created\n"
+          "  --idle-exit=<ms>     end when no part came for this long (after the first)\n"
+          "  --parts=<n>          end after n parts\n"
+          "  --name=<region>      shared-memory name (default tarnwickrelay_framebuffer)\n",
+          stderr);
+}
+
+int ParseReaderOptions(int argc, char** argv, ReaderOptions* options)
+{
+    enum { kOut = 1, kAll, kClear, kWait, kIdleExit, kParts, kName };
+    static const struct option long_options[] = {
+        {"out", required_argument, nullptr, kOut},
+        {"all", no_argument, nullptr, kAll},
+        {"clear", no_argument, nullptr, kClear},
+        {"wait", no_argument, nullptr, kWait},
+        {"idle-exit", required_argument, nullptr, kIdleExit},
+        {"parts", required_argument, nullptr, kParts},
+        {"name", required_argument, nullptr, kName},
+        {nullptr, 0, nullptr, 0},
+    };
+    for (;;) {
+        switch (getopt_long(argc, argv, "", long_options, nullptr)) {
+        case -1: return 0;
+        case kOut: options->out_path = optarg; break;
+        case kAll: options->from_any_part = true; break;
+        case kClear: options->clear_first = true; break;
+        case kWait: options->wait_for_region = true; break;
+        case kIdleExit: options->idle_exit_ms = static_cast<uint32_t>(strtoul(optarg, nullptr, 10)); break;
+        case kParts: options->part_limit = strtoull(optarg, nullptr, 10); break;
+        case kName: options->region_name = optarg; break;
+        default: Usage(); return -1;
+        }
+    }
+}
+
+struct Output {
+    int fd;
+    uint64_t part_limit;
+    const RingFollower* follower;
+    bool limit_reached;
+    bool failed;
+};
+
+int WriteAll(const uint8_t* data, uint32_t length, void* context)
+{
+    Output* output = static_cast<Output*>(context);
+    if (output->part_limit != 0 && output->follower->parts > output->part_limit) {
+        output->limit_reached = true;
+        return -1;
+    }
+    while (length > 0) {
+        ssize_t written = write(output->fd, data, length);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0) {
+            output->failed = true;   // the player went away
+            return -1;
+        }
+        data += written;
+        length -= static_cast<uint32_t>(written);
+    }
+    return 0;
+}
+
+void ReportLoss(uint32_t lost_parts, void*)
+{
+    fprintf(stderr, "fell behind: lost %u parts\n", lost_parts);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    static ReaderOptions options;
+    static RingFollower follower;
+    if (ParseReaderOptions(argc, argv, &options) != 0)
+        return 1;
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGINT, OnStopSignal);
+    signal(SIGTERM, OnStopSignal);
+
+    int out = STDOUT_FILENO;
+    if (options.out_path != nullptr) {
+        out = open(options.out_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (out < 0) {
+            fprintf(stderr, "cannot write %s: %s\n", options.out_path, strerror(errno));
+            return 1;
+        }
+    }
+
+    uint8_t* region = RingFollowerMapRegion(options.region_name);
+    while (region == nullptr && options.wait_for_region && !stop_requested) {
+        SleepMs(kRegionRetryMs);
+        region = RingFollowerMapRegion(options.region_name);
+    }
+    if (region == nullptr) {
+        fprintf(stderr, "no video ring %s (is the service running?)\n", options.region_name);
+        return 1;
+    }
+
+    follower.on_chunk = WriteAll;
+    follower.on_loss = ReportLoss;
+    static Output output = {out, options.part_limit, &follower, false, false};
+    follower.context = &output;
+    follower.start_at_parameter_set = !options.from_any_part;
+    RingFollowerStart(&follower, region);
+    if (options.clear_first)
+        RingFollowerRequestClear(&follower);
+    fprintf(stderr, "following %s from slot %u\n", options.region_name, follower.clear_pending ? 0 : follower.slot);
+
+    int status = 0;
+    uint32_t last_part_ms = NowMs();
+    while (!stop_requested) {
+        int delivered = RingFollowerPoll(&follower);
+        if (delivered < 0) {
+            status = output.failed ? 1 : 0;
+            break;
+        }
+        if (delivered > 0) {
+            last_part_ms = NowMs();
+            continue;
+        }
+        if (options.idle_exit_ms != 0 && follower.parts > 0 && NowMs() - last_part_ms >= options.idle_exit_ms)
+            break;
+        usleep(kIdlePollUs);
+    }
+    uint64_t parts = output.limit_reached ? options.part_limit : follower.parts;
+    fprintf(stderr, "%" PRIu64 " parts, %" PRIu64 " bytes, %" PRIu64 " parts lost\n", parts, follower.bytes,
+            follower.lost_parts);
+    if (out != STDOUT_FILENO)
+        close(out);
+    return status;
+}
