@@ -13,7 +13,8 @@ struct SimOptions {
     const char* bind_host = "127.0.0.1";
     uint16_t port = 9004;
     const char* video_path = nullptr;   // H.264 Annex B file; generated stream when null
-    int fps = 30;
+    int fps = 30;                       // else the file's own rate, when it tells one
+    bool fps_given = false;             // --fps was given: it wins over the file
     size_t video_payload = 1400;        // video bytes per datagram
     bool send_video = true;
     bool long_video_header = false;     // 32-byte header with 00 00 01 ff at 20

@@ -33,7 +33,7 @@ void Usage()
           "  --bind=<addr>          address to listen on (default 127.0.0.1)\n"
           "  --port=<port>          UDP port to listen on (default 9004)\n"
           "  --video=<file.h264>    H.264 Annex B file to stream, looped (default: generated)\n"
-          "  --fps=<n>              pictures per second (default 30)\n"
+          "  --fps=<n>              pictures per second (default: the file's own, else 30)\n"
           "  --payload=<bytes>      video bytes per datagram (default 1400)\n"
           "  --no-video             send no live video\n"
           "  --long-video-header    32-byte video header marked 00 00 01 ff\n"
@@ -69,7 +69,10 @@ int ParseSimOptions(int argc, char** argv, SimOptions* options)
         case kBind: options->bind_host = optarg; break;
         case kPort: options->port = static_cast<uint16_t>(atoi(optarg)); break;
         case kVideo: options->video_path = optarg; break;
-        case kFps: options->fps = atoi(optarg) > 0 ? atoi(optarg) : 30; break;
+        case kFps:
+            options->fps = atoi(optarg) > 0 ? atoi(optarg) : 30;
+            options->fps_given = true;
+            break;
         case kPayload: {
             long payload = atol(optarg);
             options->video_payload = (payload > 0 && payload <= 9000) ? static_cast<size_t>(payload) : 1400;

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "camsim.h"
+#include "video/include/h264parse.h"
 
 namespace {
 
@@ -63,6 +64,28 @@ void GenerateStream()
     }
 }
 
+// The picture rate that the file's first sequence parameter set announces in
+// its VUI timing, rounded to whole pictures per second; 0 when it has none.
+int FilePictureRate()
+{
+    for (size_t i = 0; i + 4 < stream.size(); ++i) {
+        if (!IsStartCode(&stream[i], stream.size() - i) || (stream[i + 3] & 0x1f) != kNalSequenceParameterSet)
+            continue;
+        size_t begin = i + 4;
+        size_t end = begin;
+        while (end < stream.size() && !IsStartCode(&stream[end], stream.size() - end))
+            ++end;
+        std::vector<uint8_t> plain(end - begin);
+        uint32_t length = RemoveEmulationPrevention(&stream[begin], static_cast<uint32_t>(plain.size()), plain.data());
+        H264BitReader reader;
+        uint32_t time_scale = 0, units = 0;
+        if (reader.ParsePictureRate(plain.data(), length, &time_scale, &units) != 0)
+            return 0;
+        return static_cast<int>((time_scale + units / 2) / units);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int SimOpenVideo(const char* path)
@@ -84,6 +107,10 @@ int SimOpenVideo(const char* path)
     }
     SplitAccessUnits();
     next_unit = 0;
+    // Played at its own pace unless --fps says otherwise.
+    int rate = FilePictureRate();
+    if (!sim.options.fps_given && rate > 0 && rate <= 1000)
+        sim.options.fps = rate;
     return 0;
 }
 
