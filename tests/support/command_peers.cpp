@@ -13,6 +13,8 @@ namespace {
 
 constexpr int kKeepAlivePeriodMs = 200;
 constexpr uint8_t kStatusLineType = 7;
+constexpr uint8_t kBinaryMessageType = 6;
+constexpr uint8_t kStateMessageKind = 0;
 
 bool IsPing(const Bytes& frame)
 {
@@ -185,6 +187,33 @@ std::string MainAppPeer::NextStatusLine(int timeout_ms)
         Bytes datagram = socket_.Receive(static_cast<int>(left.count()));
         if (!datagram.empty() && datagram[0] == kStatusLineType)
             return std::string(datagram.begin() + 1, datagram.end());
+    }
+}
+
+bool MainAppPeer::WaitForStateMessage(const std::function<bool(const Bytes&)>& accept, int timeout_ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return false;
+        Bytes datagram = socket_.Receive(static_cast<int>(left.count()));
+        if (datagram.size() >= 2 && datagram[0] == kBinaryMessageType && datagram[1] == kStateMessageKind &&
+            accept(datagram))
+            return true;
+    }
+}
+
+bool MainAppPeer::WaitForStatusLine(const std::string& text, int timeout_ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return false;
+        std::string line = NextStatusLine(static_cast<int>(left.count()));
+        if (line.find(text) != std::string::npos)
+            return true;
     }
 }
 

@@ -14,6 +14,7 @@
 //    learns the daemon's command port from the source port of the status
 //    datagrams and sends "!" + JSON (or raw bytes) there.
 #include <atomic>
+#include <functional>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -85,6 +86,10 @@ public:
     void SendRaw(const Bytes& datagram);
     // The next status line (a datagram that is text), or "" after the time-out.
     std::string NextStatusLine(int timeout_ms);
+    // Waits for a state message (06 00 ...) that `accept` takes.
+    bool WaitForStateMessage(const std::function<bool(const Bytes&)>& accept, int timeout_ms);
+    // Waits for a status line that contains `text`.
+    bool WaitForStatusLine(const std::string& text, int timeout_ms);
 
 private:
     UdpPeer socket_;
