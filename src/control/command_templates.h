@@ -14,6 +14,7 @@
 #include <initializer_list>
 
 #include "camera/frame.h"
+#include "state/report_layout.h"  // kGimbalCommandSet: the gimbal's command set, both ways
 
 constexpr size_t kCommandTemplateCapacity = 40;  // the longest command frame
 
@@ -28,7 +29,6 @@ constexpr uint8_t kCommandTypeRequest = 0x40;
 constexpr uint8_t kCommandTypeGimbalCalibration = 0x20;
 constexpr uint8_t kCameraReceiver = 0x01;
 constexpr uint8_t kGimbalReceiver = 0x04;
-constexpr uint8_t kGimbalCommandSet = 0x04;
 
 // Header CRC8 byte (byte 3) of a command frame of each length sent.
 struct FrameHeaderCheck {
