@@ -1,0 +1,372 @@
+// tarnwick-rcwriter: plays the remote-control reader process. It writes slot
+// values and flags into the shared-memory record "/shared_rc_raw" that the
+// relay polls (creating it, zero-filled, when missing), so that buttons,
+// rockers, switches, sticks and the EV axis can be worked from a shell, a
+// demo script or a test.
+//
+//   tarnwick-rcwriter press record
+//   tarnwick-rcwriter --press-ms=1500 press mode   (the relay looks once a
+//                                   second until a movement mode is chosen)
+//   tarnwick-rcwriter stick 0.2 0 0 wait 500 stick 0 0 0
+//   tarnwick-rcwriter -            (commands from standard input, one line
+//                                   at a time, each answered "ok N")
+//
+// The record's layout and the slot numbers come from control/remote_control.h.
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "control/remote_control.h"
+#include "net/clock.h"
+
+namespace {
+
+constexpr uint32_t kDefaultPressMs = 200;
+
+struct SlotName {
+    const char* name;
+    RcSlot slot;
+};
+
+// Names for the slots the relay reads; numbers 0 .. 43 work too.
+constexpr SlotName kSlotNames[] = {
+    {"stick0", kRcSlotStick0},
+    {"stick1", kRcSlotStick1},
+    {"stick2", kRcSlotStick2},
+    {"next-position", kRcSlotNextPosition},
+    {"lock-switch", kRcSlotLockSwitch},
+    {"orientation-lock", kRcSlotOrientationLock},
+    {"record", kRcSlotRecordShot},
+    {"mode", kRcSlotCameraMode},
+    {"focus", kRcSlotFocusType},
+    {"zoom-in", kRcSlotZoomIn},
+    {"zoom-out", kRcSlotZoomOut},
+    {"zoom-in-2", kRcSlotZoomInAlternate},
+    {"ae-lock", kRcSlotExposureLock},
+    {"tracking", kRcSlotTracking},
+    {"exposure-mode", kRcSlotExposureModeRocker},
+    {"exposure-mode-next", kRcSlotExposureModeNext},
+    {"exposure-mode-prev", kRcSlotExposureModePrev},
+    {"iso", kRcSlotIsoRocker},
+    {"iso-next", kRcSlotIsoNext},
+    {"iso-prev", kRcSlotIsoPrev},
+    {"shutter", kRcSlotShutterRocker},
+    {"shutter-next", kRcSlotShutterNext},
+    {"shutter-prev", kRcSlotShutterPrev},
+    {"color", kRcSlotColorRocker},
+    {"color-next", kRcSlotColorNext},
+    {"color-prev", kRcSlotColorPrev},
+    {"wb", kRcSlotWhiteBalanceRocker},
+    {"wb-next", kRcSlotWhiteBalanceNext},
+    {"wb-prev", kRcSlotWhiteBalancePrev},
+    {"ev-axis", kRcSlotEvAxis},
+    {"ev", kRcSlotEvRocker},
+    {"ev-next", kRcSlotEvNext},
+    {"ev-prev", kRcSlotEvPrev},
+};
+
+void Usage()
+{
+    fputs("Usage: tarnwick-rcwriter [--name=<shm name>] [--press-ms=<ms>] <command>...\n"
+          "       tarnwick-rcwriter [options] -     commands from standard input, one per line,\n"
+          "                                         each answered \"ok N\" or \"error N: ...\"\n"
+          "Commands (SLOT: 0..43 or a name below):\n"
+          "  press SLOT          value 1.0, wait --press-ms (default 200), value 0.0\n"
+          "  hold SLOT VALUE     set the value and leave it (-1.0 pushes a rocker down)\n"
+          "  release SLOT        value 0.0\n"
+          "  set SLOT VALUE      the same as hold; VALUE may be nan or inf\n"
+          "  flag SLOT N         the slot's 16-bit flag\n"
+          "  stick A B C         slots 0, 1, 2 (gimbal sticks, -1.0 .. 1.0)\n"
+          "  ev VALUE | ev off   EV axis: slot 39 and its flag; off clears the flag\n"
+          "  lock on|off|free    lock switch: slot 5 at 1.0 / 0.0 with its flag; free clears the flag\n"
+          "  wait MS             sleep\n"
+          "  clear               every slot value and flag to zero\n"
+          "  show                print the slots and flags the relay reads\n"
+          "Slot names:",
+          stderr);
+    for (const SlotName& name : kSlotNames)
+        fprintf(stderr, " %s=%d", name.name, name.slot);
+    fputs("\n", stderr);
+}
+
+const char* SlotNameOf(size_t slot)
+{
+    for (const SlotName& name : kSlotNames)
+        if (name.slot == slot)
+            return name.name;
+    return nullptr;
+}
+
+bool ParseSlot(const std::string& text, size_t* slot)
+{
+    for (const SlotName& name : kSlotNames) {
+        if (text == name.name) {
+            *slot = name.slot;
+            return true;
+        }
+    }
+    char* end = nullptr;
+    errno = 0;
+    long number = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || number < 0 || number >= static_cast<long>(kRcSlotCount))
+        return false;
+    *slot = static_cast<size_t>(number);
+    return true;
+}
+
+bool ParseReal(const std::string& text, double* value)
+{
+    char* end = nullptr;
+    *value = strtod(text.c_str(), &end);
+    return !text.empty() && *end == '\0';
+}
+
+bool ParseWhole(const std::string& text, long maximum, long* value)
+{
+    char* end = nullptr;
+    errno = 0;
+    *value = strtol(text.c_str(), &end, 10);
+    return !text.empty() && *end == '\0' && errno == 0 && *value >= 0 && *value <= maximum;
+}
+
+struct Writer {
+    RcRawState* record = nullptr;
+    uint32_t press_ms = kDefaultPressMs;
+};
+
+void Show(const RcRawState* record)
+{
+    for (size_t slot = 0; slot < kRcSlotCount; ++slot) {
+        const char* name = SlotNameOf(slot);
+        if (name == nullptr)
+            continue;
+        printf("%2zu %-19s %g", slot, name, LoadRcSlotValue(record, slot));
+        if (slot == kRcSlotLockSwitch || slot == kRcSlotEvAxis)
+            printf("  flag %u", LoadRcSlotFlag(record, slot));
+        printf("\n");
+    }
+}
+
+// Runs the commands in `words` in order; stops at the first bad one and
+// returns false with the reason in *error.
+bool RunCommands(Writer* writer, const std::vector<std::string>& words, std::string* error)
+{
+    RcRawState* record = writer->record;
+    size_t at = 0;
+    auto argument = [&](size_t count) {
+        if (at + count >= words.size()) {
+            *error = "'" + words[at] + "' needs " + std::to_string(count) + " argument(s)";
+            return false;
+        }
+        return true;
+    };
+    while (at < words.size()) {
+        const std::string& command = words[at];
+        size_t slot = 0;
+        double value = 0.0;
+        long whole = 0;
+        if (command == "press" || command == "release") {
+            if (!argument(1))
+                return false;
+            if (!ParseSlot(words[at + 1], &slot)) {
+                *error = "bad slot '" + words[at + 1] + "'";
+                return false;
+            }
+            if (command == "press") {
+                StoreRcSlotValue(record, slot, 1.0);
+                SleepMs(writer->press_ms);
+            }
+            StoreRcSlotValue(record, slot, 0.0);
+            at += 2;
+        } else if (command == "hold" || command == "set" || command == "flag") {
+            if (!argument(2))
+                return false;
+            if (!ParseSlot(words[at + 1], &slot)) {
+                *error = "bad slot '" + words[at + 1] + "'";
+                return false;
+            }
+            if (command == "flag") {
+                if (!ParseWhole(words[at + 2], UINT16_MAX, &whole)) {
+                    *error = "bad flag '" + words[at + 2] + "'";
+                    return false;
+                }
+                StoreRcSlotFlag(record, slot, static_cast<uint16_t>(whole));
+            } else {
+                if (!ParseReal(words[at + 2], &value)) {
+                    *error = "bad value '" + words[at + 2] + "'";
+                    return false;
+                }
+                StoreRcSlotValue(record, slot, value);
+            }
+            at += 3;
+        } else if (command == "stick") {
+            if (!argument(3))
+                return false;
+            double axes[3];
+            for (size_t i = 0; i < 3; ++i) {
+                if (!ParseReal(words[at + 1 + i], &axes[i])) {
+                    *error = "bad value '" + words[at + 1 + i] + "'";
+                    return false;
+                }
+            }
+            for (size_t i = 0; i < 3; ++i)
+                StoreRcSlotValue(record, kRcSlotStick0 + i, axes[i]);
+            at += 4;
+        } else if (command == "ev") {
+            if (!argument(1))
+                return false;
+            if (words[at + 1] == "off") {
+                StoreRcSlotFlag(record, kRcSlotEvAxis, 0);
+            } else if (ParseReal(words[at + 1], &value)) {
+                // The value first: the relay never sees the flag with an old value.
+                StoreRcSlotValue(record, kRcSlotEvAxis, value);
+                StoreRcSlotFlag(record, kRcSlotEvAxis, 1);
+            } else {
+                *error = "bad value '" + words[at + 1] + "'";
+                return false;
+            }
+            at += 2;
+        } else if (command == "lock") {
+            if (!argument(1))
+                return false;
+            const std::string& state = words[at + 1];
+            if (state == "on" || state == "off") {
+                StoreRcSlotValue(record, kRcSlotLockSwitch, state == "on" ? 1.0 : 0.0);
+                StoreRcSlotFlag(record, kRcSlotLockSwitch, 1);
+            } else if (state == "free") {
+                StoreRcSlotFlag(record, kRcSlotLockSwitch, 0);
+            } else {
+                *error = "lock takes on, off or free";
+                return false;
+            }
+            at += 2;
+        } else if (command == "wait") {
+            if (!argument(1))
+                return false;
+            if (!ParseWhole(words[at + 1], 3600000, &whole)) {
+                *error = "bad time '" + words[at + 1] + "'";
+                return false;
+            }
+            SleepMs(static_cast<uint32_t>(whole));
+            at += 2;
+        } else if (command == "clear") {
+            for (size_t i = 0; i < kRcSlotCount; ++i) {
+                StoreRcSlotValue(record, i, 0.0);
+                StoreRcSlotFlag(record, i, 0);
+            }
+            at += 1;
+        } else if (command == "show") {
+            Show(record);
+            at += 1;
+        } else {
+            *error = "unknown command '" + command + "'";
+            return false;
+        }
+    }
+    return true;
+}
+
+std::vector<std::string> SplitWords(const char* line)
+{
+    std::vector<std::string> words;
+    std::string word;
+    for (const char* c = line; *c != '\0'; ++c) {
+        if (*c == ' ' || *c == '\t' || *c == '\n' || *c == '\r') {
+            if (!word.empty())
+                words.push_back(word);
+            word.clear();
+        } else {
+            word += *c;
+        }
+    }
+    if (!word.empty())
+        words.push_back(word);
+    return words;
+}
+
+// Standard-input mode: one line of commands at a time, each answered on
+// standard output once it has been carried out.
+int RunLines(Writer* writer)
+{
+    char line[1024];
+    unsigned number = 0;
+    while (fgets(line, sizeof line, stdin) != nullptr) {
+        std::vector<std::string> words = SplitWords(line);
+        if (words.empty())
+            continue;
+        ++number;
+        std::string error;
+        if (RunCommands(writer, words, &error))
+            printf("ok %u\n", number);
+        else
+            printf("error %u: %s\n", number, error.c_str());
+        fflush(stdout);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    enum { kName = 1, kPressMs, kHelp };
+    static const struct option long_options[] = {
+        {"name", required_argument, nullptr, kName},
+        {"press-ms", required_argument, nullptr, kPressMs},
+        {"help", no_argument, nullptr, kHelp},
+        {nullptr, 0, nullptr, 0},
+    };
+    const char* name = kRcRawStateName;
+    Writer writer;
+    for (;;) {
+        int option = getopt_long(argc, argv, "+", long_options, nullptr);
+        if (option == -1)
+            break;
+        long whole = 0;
+        switch (option) {
+        case kName:
+            name = optarg;
+            break;
+        case kPressMs:
+            if (!ParseWhole(optarg, 3600000, &whole)) {
+                Usage();
+                return 1;
+            }
+            writer.press_ms = static_cast<uint32_t>(whole);
+            break;
+        default:
+            Usage();
+            return 1;
+        }
+    }
+    std::vector<std::string> words(argv + optind, argv + argc);
+    if (words.empty()) {
+        Usage();
+        return 1;
+    }
+
+    int fd = -1;
+    bool missing = false;
+    writer.record = MapRcRawState(name, &fd, &missing);
+    if (writer.record == nullptr) {
+        fprintf(stderr, "tarnwick-rcwriter: cannot map %s: %s\n", name, strerror(errno));
+        return 2;
+    }
+    if (missing)
+        fprintf(stderr, "tarnwick-rcwriter: created %s\n", name);
+
+    if (words.size() == 1 && words[0] == "-")
+        return RunLines(&writer);
+    std::string error;
+    if (!RunCommands(&writer, words, &error)) {
+        fprintf(stderr, "tarnwick-rcwriter: %s\n", error.c_str());
+        return 1;
+    }
+    return 0;
+}
