@@ -45,6 +45,11 @@ void SimSendDatagram(uint8_t type, const uint8_t* payload, size_t length, size_t
 
 // Logs one datagram received from the service.
 void SimLogReceived(const uint8_t* data, size_t length);
+// Applies a command frame whose checksums are right to the simulated camera
+// (commands.cpp): settings become "set" lines of the telemetry model, each
+// logged as "applied: set <key> <value>". Frames with a bad checksum never
+// get here.
+void SimApplyCommand(const uint8_t* frame, size_t length);
 
 // The data stream: fills `out` with the report frames for the next
 // data-stream datagram. Per datagram (one per --report-period): gimbal

@@ -29,6 +29,7 @@ void LogFrame(const uint8_t* frame, size_t available)
     for (size_t i = kFramePayloadOffset; i < length - 2; ++i)
         printf(" %02x", frame[i]);
     printf("\n");
+    SimApplyCommand(frame, length);
 }
 
 }  // namespace
