@@ -24,7 +24,10 @@ void Usage()
           "  --port=<port>          status port, where the service sends (default 5000)\n"
           "  --notice-port=<port>   recording notice port (default 5255; 0: do not listen)\n"
           "  --all                  print every message (default: changes, at most one a second per kind)\n"
-          "  --count=<n>            exit after receiving n datagrams\n",
+          "  --count=<n>            exit after receiving n datagrams\n"
+          "  --send=<command>       send a command to the service once it is heard (repeatable);\n"
+          "                         lines on standard input are commands too. A command is JSON\n"
+          "                         ({\"cmd\":\"iso\",\"param\":\"400\"}) or words (iso 400; set movement abs)\n",
           stderr);
 }
 
@@ -40,13 +43,14 @@ bool ParsePort(const char* text, uint16_t* port)
 
 int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
 {
-    enum { kBind = 1, kPort, kNoticePort, kAll, kCount };
+    enum { kBind = 1, kPort, kNoticePort, kAll, kCount, kSend };
     static const struct option long_options[] = {
         {"bind", required_argument, nullptr, kBind},
         {"port", required_argument, nullptr, kPort},
         {"notice-port", required_argument, nullptr, kNoticePort},
         {"all", no_argument, nullptr, kAll},
         {"count", required_argument, nullptr, kCount},
+        {"send", required_argument, nullptr, kSend},
         {nullptr, 0, nullptr, 0},
     };
     for (;;) {
@@ -64,6 +68,7 @@ int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
             break;
         case kAll: options->every_message = true; break;
         case kCount: options->exit_after = atol(optarg); break;
+        case kSend: SendMonitorCommand(optarg); break;
         default: Usage(); return -1;
         }
     }
@@ -113,10 +118,14 @@ int main(int argc, char** argv)
     static uint8_t datagram[kMaxDatagram];
     long printed = 0;
     while (options.exit_after < 0 || printed < options.exit_after) {
-        struct pollfd sockets[2] = {{monitor.status_socket, POLLIN, 0}, {monitor.notice_socket, POLLIN, 0}};
+        // A descriptor of -1 is left out by poll: no notice socket, or standard input ended.
+        struct pollfd sockets[3] = {{monitor.status_socket, POLLIN, 0}, {monitor.notice_socket, POLLIN, 0},
+                                    {monitor.stdin_open ? STDIN_FILENO : -1, POLLIN, 0}};
         int count = monitor.notice_socket >= 0 ? 2 : 1;
-        if (poll(sockets, count, -1) < 0)
+        if (poll(sockets, 3, -1) < 0)
             continue;
+        if (sockets[2].revents & (POLLIN | POLLHUP))
+            ReadCommandInput();
         for (int i = 0; i < count; ++i) {
             if ((sockets[i].revents & POLLIN) == 0)
                 continue;
@@ -129,6 +138,7 @@ int main(int argc, char** argv)
             if (i == 0) {
                 monitor.daemon_address = source;
                 monitor.daemon_known = true;
+                SendQueuedCommands();
                 PrintStatusDatagram(datagram, static_cast<size_t>(length));
             } else {
                 PrintNotice(datagram, static_cast<size_t>(length));

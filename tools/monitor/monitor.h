@@ -27,8 +27,17 @@ struct Monitor {
     int notice_socket = -1;
     struct sockaddr_in daemon_address{};  // source of the latest status datagram
     bool daemon_known = false;
+    bool stdin_open = true;               // commands are read from standard input until it ends
 };
 extern Monitor monitor;
+
+// Commands to the service (commands.cpp): a JSON text, "!" + JSON, or words
+// "cmd param value ..." ("set name value" for set). Sent from the status
+// socket to the service's command port; queued until that port is known.
+void SendMonitorCommand(const char* line);
+void SendQueuedCommands();
+// Reads what standard input holds and sends each complete line.
+void ReadCommandInput();
 
 // Prints one datagram from the status port / the notice port.
 void PrintStatusDatagram(const uint8_t* data, size_t length);

@@ -1,0 +1,172 @@
+// Commands from the monitor to the service: a person drives the camera
+// through the daemon, as the main application does. A command is sent as
+// "!" + JSON to the service's command port, which is the source port of its
+// status datagrams; commands given before the first status datagram wait in
+// a small queue.
+//
+// Forms accepted (from --send or a line on standard input):
+//   {"cmd":"iso","param":"400"}     JSON, sent as it stands
+//   !{"cmd":"iso","param":"400"}    the datagram text itself
+//   iso 400                         words: cmd, param, value .. value4
+//   set movement abs                words of "set": cmd, name, value
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "monitor.h"
+
+namespace {
+
+constexpr size_t kCommandCapacity = 2048;
+constexpr size_t kQueueCapacity = 16;
+constexpr size_t kWordsMax = 6;
+
+// Only the main thread of the monitor runs this file.
+char queue[kQueueCapacity][kCommandCapacity];
+size_t queued = 0;
+
+// Appends `text` as a JSON string; false when it does not fit.
+bool AppendJsonString(char* out, size_t capacity, size_t* used, const char* text, size_t length)
+{
+    if (*used + 2 >= capacity)
+        return false;
+    out[(*used)++] = '"';
+    for (size_t i = 0; i < length; ++i) {
+        char c = text[i];
+        if (c == '"' || c == '\\') {
+            if (*used + 1 >= capacity)
+                return false;
+            out[(*used)++] = '\\';
+        }
+        if (*used + 1 >= capacity)
+            return false;
+        out[(*used)++] = c;
+    }
+    if (*used + 1 >= capacity)
+        return false;
+    out[(*used)++] = '"';
+    out[*used] = '\0';
+    return true;
+}
+
+// Builds the datagram text of one command. Returns false for an empty line
+// or one that does not fit.
+bool BuildCommandText(const char* line, char* out, size_t capacity)
+{
+    while (*line == ' ' || *line == '\t')
+        ++line;
+    if (*line == '\0')
+        return false;
+    if (line[0] == '!' || line[0] == '{') {
+        int written = snprintf(out, capacity, "%s%s", line[0] == '!' ? "" : "!", line);
+        return written > 0 && static_cast<size_t>(written) < capacity;
+    }
+    const char* words[kWordsMax] = {};
+    size_t lengths[kWordsMax] = {};
+    size_t count = 0;
+    for (const char* p = line; *p != '\0' && count < kWordsMax;) {
+        while (*p == ' ' || *p == '\t')
+            ++p;
+        if (*p == '\0')
+            break;
+        words[count] = p;
+        while (*p != '\0' && *p != ' ' && *p != '\t')
+            ++p;
+        lengths[count] = static_cast<size_t>(p - words[count]);
+        ++count;
+    }
+    if (count == 0)
+        return false;
+    bool set = lengths[0] == 3 && strncmp(words[0], "set", 3) == 0;
+    const char* keys[kWordsMax] = {"cmd", set ? "name" : "param", "value", "value2", "value3", "value4"};
+    size_t used = 0;
+    if (capacity < 3)
+        return false;
+    out[used++] = '!';
+    out[used++] = '{';
+    for (size_t i = 0; i < count; ++i) {
+        int written = snprintf(out + used, capacity - used, "%s\"%s\":", i == 0 ? "" : ",", keys[i]);
+        if (written < 0 || static_cast<size_t>(written) >= capacity - used)
+            return false;
+        used += static_cast<size_t>(written);
+        if (!AppendJsonString(out, capacity, &used, words[i], lengths[i]))
+            return false;
+    }
+    if (used + 2 > capacity)
+        return false;
+    out[used++] = '}';
+    out[used] = '\0';
+    return true;
+}
+
+void SendCommandText(const char* text)
+{
+    ssize_t sent = sendto(monitor.status_socket, text, strlen(text), 0,
+                          reinterpret_cast<const struct sockaddr*>(&monitor.daemon_address),
+                          sizeof monitor.daemon_address);
+    if (sent < 0)
+        printf("command not sent: %s\n", text);
+    else
+        printf("sent: %s\n", text);
+}
+
+}  // namespace
+
+void SendMonitorCommand(const char* line)
+{
+    char text[kCommandCapacity];
+    if (!BuildCommandText(line, text, sizeof text)) {
+        if (line[strspn(line, " \t")] != '\0')
+            printf("command too long: %.60s...\n", line);
+        return;
+    }
+    if (monitor.daemon_known) {
+        SendCommandText(text);
+        return;
+    }
+    if (queued == kQueueCapacity) {
+        printf("command dropped, service not heard yet: %s\n", text);
+        return;
+    }
+    memcpy(queue[queued++], text, sizeof text);
+    printf("waiting for the service: %s\n", text);
+}
+
+void SendQueuedCommands()
+{
+    if (!monitor.daemon_known)
+        return;
+    for (size_t i = 0; i < queued; ++i)
+        SendCommandText(queue[i]);
+    queued = 0;
+}
+
+void ReadCommandInput()
+{
+    // Lines may arrive in pieces; a line longer than the buffer is cut.
+    static char pending[kCommandCapacity];
+    static size_t pending_length = 0;
+    ssize_t count = read(STDIN_FILENO, pending + pending_length, sizeof pending - 1 - pending_length);
+    if (count <= 0) {
+        monitor.stdin_open = false;
+        return;
+    }
+    pending_length += static_cast<size_t>(count);
+    pending[pending_length] = '\0';
+    char* start = pending;
+    for (char* newline; (newline = strchr(start, '\n')) != nullptr; start = newline + 1) {
+        *newline = '\0';
+        if (newline > start && newline[-1] == '\r')
+            newline[-1] = '\0';
+        SendMonitorCommand(start);
+    }
+    pending_length = static_cast<size_t>(pending + pending_length - start);
+    memmove(pending, start, pending_length);
+    if (pending_length == sizeof pending - 1) {
+        pending[pending_length] = '\0';
+        SendMonitorCommand(pending);
+        pending_length = 0;
+    }
+}
