@@ -68,7 +68,7 @@ size_t SimBuildReports(uint8_t* out, size_t capacity);
 //   camera_mode    photo | video | playback | a mode code
 //   sd             free space in GB, "29.7" or "29.7G"; empty or 0: none
 //   shots_left     number
-//   rec_time_left  "hh:mm:ss" or seconds
+//   rec_time_left  "hh:mm:ss" or seconds (counts down while recording)
 //   rec_time       "hh:mm:ss" or seconds (counts on while recording)
 //   battery_level  -128..127 (also "battery"); drifts 1 per minute
 //   battery_charging 0 | 1

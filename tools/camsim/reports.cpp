@@ -35,6 +35,7 @@ struct SimModel {
     bool recording = false;
     uint32_t recording_since_ms = 0;
     uint16_t recorded_before_s = 0;   // rec_time at the start of this recording
+    uint32_t left_before_s = 0;       // rec_time_left at the start of this recording
     bool histogram = true;
     Tracking tracking = Tracking::kOff;
     bool gimbal_sweep = true;
@@ -101,6 +102,7 @@ void Advance(SimModel* m, uint32_t now)
     if (m->recording) {
         uint32_t elapsed_s = (now - m->recording_since_ms) / 1000;
         v.rec_time_s = static_cast<uint16_t>(m->recorded_before_s + elapsed_s);
+        v.rec_time_left_s = m->left_before_s > elapsed_s ? m->left_before_s - elapsed_s : 0;
         v.camera_flags = static_cast<uint8_t>((v.camera_flags & 0x3f) | 0x80);
     } else {
         v.camera_flags &= 0x3f;
@@ -322,11 +324,13 @@ bool ApplySetting(SimModel* m, const char* key, const char* text, uint32_t now)
     }
     if (strcmp(key, "rec_time_left") == 0 && ParseSeconds(text, &seconds)) {
         v.rec_time_left_s = seconds;
+        m->left_before_s = seconds + (now - m->recording_since_ms) / 1000;
         return true;
     }
     if (strcmp(key, "rec_time") == 0 && ParseSeconds(text, &seconds) && seconds <= UINT16_MAX) {
         v.rec_time_s = static_cast<uint16_t>(seconds);
         m->recorded_before_s = v.rec_time_s;
+        m->left_before_s = v.rec_time_left_s;
         m->recording_since_ms = now;
         return true;
     }
@@ -462,6 +466,7 @@ bool ApplySetting(SimModel* m, const char* key, const char* text, uint32_t now)
         if (flag && !m->recording) {
             m->recording_since_ms = now;
             m->recorded_before_s = 0;
+            m->left_before_s = v.rec_time_left_s;
             v.rec_time_s = 0;
         }
         m->recording = flag;
