@@ -57,8 +57,8 @@ uint32_t StampNow()
     return now != 0 ? now : 1;
 }
 
-// The shared attitude region. Opened once, by the receive thread; the
-// atomic lets a test or tool on another thread look without a race.
+// The shared attitude region, opened at most once (by the camera receive
+// thread, the only caller of the decoder); on failure it stays null.
 std::atomic<bool> shared_attitude_tried{false};
 uint8_t* shared_attitude = nullptr;
 const char* shared_attitude_name = kSharedAttitudeName;
