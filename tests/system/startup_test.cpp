@@ -153,13 +153,21 @@ TEST_F(StartupTest, VerboseLinesInTheirOrder)
     ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"--verbose", "--iface", "wlan1"})));
     std::string port = std::to_string(camera.port());
     ASSERT_TRUE(daemon.WaitForStderr("via iface uap0 \n", 5000)) << daemon.Stderr();
-    std::string expected = "Init telemetry buffer\n"
-                           "Using interface wlan1\n"
-                           "Init connection to main application 127.0.0.1:5000\n"
-                           "Done\n"
-                           "Init connection to camera 127.0.0.1:" + port + " via iface wlan1\n"
-                           "Done\n";
-    EXPECT_NE(daemon.Stderr().find(expected), std::string::npos) << daemon.Stderr();
+    // In this order; the threads the links start may write lines in between.
+    const std::vector<std::string> expected = {"Init telemetry buffer\n",
+                                               "Using interface wlan1\n",
+                                               "Init connection to main application 127.0.0.1:5000\n",
+                                               "Done\n",
+                                               "Init connection to camera 127.0.0.1:" + port + " via iface wlan1\n",
+                                               "Done\n",
+                                               "Init data bridge server for DJI MIMO via iface uap0 \n"};
+    std::string log = daemon.Stderr();
+    size_t at = 0;
+    for (const std::string& line : expected) {
+        at = log.find(line, at);
+        ASSERT_NE(at, std::string::npos) << "missing or out of order: " << line << "in:\n" << log;
+        at += line.size();
+    }
 }
 
 TEST_F(StartupTest, ApInterfaceNameIsCutToTenBytes)
