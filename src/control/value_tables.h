@@ -39,6 +39,12 @@ struct SettingTable {
     const char* read_back_other;  // decoder's text for a code in no row
 };
 
+template <size_t N>
+constexpr SettingTable MakeSettingTable(const SettingCode (&rows)[N], int16_t code_other, const char* read_back_other)
+{
+    return {rows, N, code_other, read_back_other};
+}
+
 // The code to send for `text`: the row's code, else the table's code_other
 // (kSendNothing: send nothing). A null text is in no row.
 int16_t SettingCodeOf(const SettingTable& table, const char* text);
@@ -66,7 +72,7 @@ inline constexpr SettingCode kExposureModeRows[] = {
     {"aperture", 3, "aperture"},
     {"manual", 4, "manual"},
 };
-inline constexpr SettingTable ExposureModeCodes = {kExposureModeRows, 4, kSendNothing, "auto"};
+inline constexpr SettingTable ExposureModeCodes = MakeSettingTable(kExposureModeRows, kSendNothing, "auto");
 inline constexpr std::array<const char*, 4> ExposureModeNames = NameColumn<4>(kExposureModeRows);
 
 // ---------------------------------------------------------------------------
@@ -236,8 +242,7 @@ inline constexpr SettingCode kColorModeRows[] = {
     {nullptr, 19, "nostalgia"},
     {nullptr, 23, "d-log"},
 };
-inline constexpr SettingTable ColorModeCodes = {kColorModeRows, sizeof kColorModeRows / sizeof kColorModeRows[0],
-                                                0x00, "none"};
+inline constexpr SettingTable ColorModeCodes = MakeSettingTable(kColorModeRows, 0x00, "none");
 inline constexpr std::array<const char*, 2> ColorModeNames = NameColumn<2>(kColorModeRows);
 
 // ---------------------------------------------------------------------------
@@ -303,7 +308,7 @@ inline constexpr SettingCode kAspectRatioRows[] = {
     {"4:3", 0, "4:3"},
     {"16:9", 1, "16:9"},
 };
-inline constexpr SettingTable AspectRatioCodes = {kAspectRatioRows, 2, kSendNothing, "4:3"};
+inline constexpr SettingTable AspectRatioCodes = MakeSettingTable(kAspectRatioRows, kSendNothing, "4:3");
 constexpr uint8_t kAspectRatioSizeCode = 0;
 
 struct SensorResolutionCode {
@@ -330,21 +335,21 @@ inline constexpr SettingCode kShotModeRows[] = {
     {"jpg", 1, "JPG"},
     {"jpg+raw", 2, "JPG+RAW"},
 };
-inline constexpr SettingTable ShotModeCodes = {kShotModeRows, 3, kSendNothing, ""};
+inline constexpr SettingTable ShotModeCodes = MakeSettingTable(kShotModeRows, kSendNothing, "");
 
 // Anti-flicker: a text in no row sends 0 ("auto").
 inline constexpr SettingCode kAntiFlickerRows[] = {
     {"50", 1, "50 Hz"},
     {"60", 2, "60 Hz"},
 };
-inline constexpr SettingTable AntiFlickerCodes = {kAntiFlickerRows, 2, 0, "auto"};
+inline constexpr SettingTable AntiFlickerCodes = MakeSettingTable(kAntiFlickerRows, 0, "auto");
 
 // Video standard; the camera reports it in bit 0 of its byte.
 inline constexpr SettingCode kVideoStandardRows[] = {
     {"PAL", 0, "PAL"},
     {"NTSC", 1, "NTSC"},
 };
-inline constexpr SettingTable VideoStandardCodes = {kVideoStandardRows, 2, kSendNothing, "PAL"};
+inline constexpr SettingTable VideoStandardCodes = MakeSettingTable(kVideoStandardRows, kSendNothing, "PAL");
 constexpr uint8_t kVideoStandardReportMask = 0x01;
 
 // Focus type; the camera's focus report uses codes of its own.
@@ -355,7 +360,7 @@ inline constexpr SettingCode kFocusTypeRows[] = {
     {nullptr, 0x85, "AFS"},
     {nullptr, 0x86, "AFC"},
 };
-inline constexpr SettingTable FocusTypeCodes = {kFocusTypeRows, 5, kSendNothing, ""};
+inline constexpr SettingTable FocusTypeCodes = MakeSettingTable(kFocusTypeRows, kSendNothing, "");
 
 // Camera mode.
 inline constexpr SettingCode kCameraModeRows[] = {
@@ -363,28 +368,28 @@ inline constexpr SettingCode kCameraModeRows[] = {
     {"video", 1, "video"},
     {"playback", 7, "playback"},
 };
-inline constexpr SettingTable CameraModeCodes = {kCameraModeRows, 3, kSendNothing, "unknown"};
+inline constexpr SettingTable CameraModeCodes = MakeSettingTable(kCameraModeRows, kSendNothing, "unknown");
 
 // Gimbal follow speed: every text but "slow" sends the fast value.
 inline constexpr SettingCode kGimbalFollowSpeedRows[] = {
     {"slow", 2, nullptr},
     {"fast", 0, nullptr},
 };
-inline constexpr SettingTable GimbalFollowSpeedCodes = {kGimbalFollowSpeedRows, 2, 0, ""};
+inline constexpr SettingTable GimbalFollowSpeedCodes = MakeSettingTable(kGimbalFollowSpeedRows, 0, "");
 
 // Histogram on/off.
 inline constexpr SettingCode kHistogramRows[] = {
     {"1", 1, nullptr},
     {"0", 0, nullptr},
 };
-inline constexpr SettingTable HistogramCodes = {kHistogramRows, 2, kSendNothing, ""};
+inline constexpr SettingTable HistogramCodes = MakeSettingTable(kHistogramRows, kSendNothing, "");
 
 // Auto-exposure lock: every text but "lock" sends the unlocked value.
 inline constexpr SettingCode kExposureLockRows[] = {
     {"lock", 1, nullptr},
     {"unlock", 0, nullptr},
 };
-inline constexpr SettingTable ExposureLockCodes = {kExposureLockRows, 2, 0, ""};
+inline constexpr SettingTable ExposureLockCodes = MakeSettingTable(kExposureLockRows, 0, "");
 
 // ---------------------------------------------------------------------------
 // Gimbal mode: two gimbal commands, one with the mode byte and one with the
