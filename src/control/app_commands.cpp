@@ -11,15 +11,7 @@
 #include "control/setting_commands.h"
 #include "control/value_tables.h"
 
-// Decisions on malformed input:
-//  - A text that does not parse as JSON is logged once as "Malformed JSON
-//    command from app: <text>" and causes no call; the next datagram is
-//    served as usual. Valid JSON that is no object has no members.
-//  - A member that is missing or not a JSON string is absent. An absent text
-//    matches no word, and a row that compares, converts or passes on an
-//    absent member makes no call. The one exception is the colour temperature
-//    of "wb": the white-balance command accepts a missing temperature (a
-//    preset needs none; "custom" without one sends nothing).
+// Malformed input: see the header.
 
 std::atomic<int32_t> MovementMode{kMovementUnset};
 std::atomic<int32_t> ZoomRate{0};

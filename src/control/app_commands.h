@@ -5,6 +5,14 @@
 //    "value4", all JSON strings) turned into a camera or gimbal command;
 //  - 05 01 followed by a signed 16-bit little-endian zoom rate.
 // Everything else is dropped without a word.
+//
+// Malformed input: a text that does not parse as JSON is logged as
+// "Malformed JSON command from app: <text>" and makes no call; JSON that is
+// no object has no members. A member that is missing or not a JSON string is
+// absent: it matches no word, and a command that would compare, convert or
+// pass it on makes no call; the one exception is the colour temperature of
+// "wb", which the white-balance command takes as optional (presets need none,
+// "custom" without one sends nothing). Later datagrams are served as usual.
 #include <atomic>
 #include <cstdint>
 

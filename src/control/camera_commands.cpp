@@ -9,13 +9,6 @@
 #include "control/value_tables.h"
 #include "state/camera_state.h"
 
-// Decision: CameraSetDigitalZoom while zoom_max is below 100 (0 until the
-// camera has reported its range). The plain clamp would send zoom_max - 100
-// taken as 16 bits (9C FF for 0), a zoom below 1x that the camera has never
-// offered. Until the range is known the only zoom known to be valid is none,
-// so the command then clamps to 100: it logs 100, sends 00 00 and stores 100
-// in zoom_set, keeping zoom_set the value last commanded.
-
 namespace {
 
 const char* TextOrEmpty(const char* text)
@@ -265,7 +258,7 @@ void CameraSetDigitalZoom(int zoom)
         zoom_max = GetCameraState()->zoom_max;
     }
     if (zoom_max < kDigitalZoomNone)
-        zoom_max = kDigitalZoomNone;  // range not known yet: see the decision above
+        zoom_max = kDigitalZoomNone;  // range not known yet (see the header)
     int clamped = zoom < kDigitalZoomNone ? kDigitalZoomNone : zoom;
     if (zoom_max < clamped)
         clamped = zoom_max;

@@ -47,7 +47,11 @@ void GimbalCalibrate(const char* action);         // "calibrate"
 void TrackingStop();
 // Stops any running tracking, then tracks the box (normalised position, size).
 void TrackingStart(float x, float y, float w, float h);
-// zoom in hundredths (100: no zoom), clamped to 100 .. zoom_max.
+// zoom in hundredths (100: no zoom), clamped to 100 .. zoom_max, then stored
+// in zoom_set. While zoom_max is below 100 (0 until the camera has reported
+// its range) the limit is 100: the plain clamp would send zoom_max - 100 as
+// 16 bits (9C FF for 0), a zoom below 1x the camera never offered, and no
+// zoom is the only value known to be valid before the range is known.
 void CameraSetDigitalZoom(int zoom);
 
 // Card, reset, histogram.
@@ -60,5 +64,6 @@ void CameraSetHistogram(const char* on);  // "1", "0"
 void SendRawCameraPacket(uint8_t* frame, uint16_t length);
 
 // Real-to-integer conversion of the gimbal commands: the double-precision
-// value truncated toward zero, saturated to the signed 32-bit range.
+// value truncated toward zero, saturated to the signed 32-bit range; NaN
+// (a "nan" text from the main application) gives 0.
 int32_t SaturateToInt32(double value);
