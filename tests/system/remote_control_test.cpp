@@ -647,15 +647,19 @@ TEST_F(RemoteControlTest, LockSwitchSetsTheLockRequestOnEveryCycle)
     Movement("rel");
     const std::string hold = SpeedFrame(1, 1, 1);
 
-    Write("lock on");
-    EXPECT_GE(Count(Lines(FramesFor(500)), hold), 3u);
-    // Served before the button: the button finds the lock requested and
-    // unlocks, and the switch requests it again on the next cycle.
-    Write("press orientation-lock");
-    ASSERT_TRUE(rig.daemon.WaitForStderr("Gimbal orientation unlock\n", 3000));
+    // The switch is served before the button: switched on together with a
+    // press (nothing requested before), the button already finds the lock
+    // requested and unlocks; the switch requests it again on the next cycle.
+    Write("lock on hold orientation-lock 1");
+    ASSERT_TRUE(rig.daemon.WaitForStderr("Gimbal orientation unlock\n", 3000)) << rig.daemon.Stderr();
+    Write("release orientation-lock");
     FramesFor(100);
     EXPECT_GE(Count(Lines(FramesFor(500)), hold), 3u);
-    EXPECT_EQ(Count(rig.daemon.Stderr(), "Gimbal orientation lock\n"), 0u);
+    Write("press orientation-lock");
+    ASSERT_TRUE(WaitForLogCount("Gimbal orientation unlock\n", 2, 3000));
+    FramesFor(100);
+    EXPECT_GE(Count(Lines(FramesFor(500)), hold), 3u);
+    EXPECT_EQ(Count(rig.daemon.Stderr(), "Gimbal orientation lock\n"), 0u) << rig.daemon.Stderr();
 
     // Switch off: the request is cleared on every cycle, even after a JSON lock.
     Write("lock off");
