@@ -128,8 +128,10 @@ void StreamingCamera::Run()
         if (daemon_port == 0 || SteadyMs() < next_send_ms)
             continue;
         next_send_ms = SteadyMs() + period_ms_;
-        for (uint8_t type : {kTransportDataStream, kTransportLiveVideo})
+        for (uint8_t type : {kTransportDataStream, kTransportLiveVideo}) {
             socket_.SendTo(daemon_host.c_str(), daemon_port, StreamDatagram(type, sequence++));
+            next_sequence_.store(sequence);
+        }
     }
 }
 
@@ -167,14 +169,47 @@ size_t StreamingCamera::Count(DaemonDatagram kind, int64_t from_ms, int64_t to_m
     return count;
 }
 
-bool StreamingCamera::WaitFor(DaemonDatagram kind, int64_t from_ms, int timeout_ms)
+bool StreamingCamera::WaitFor(DaemonDatagram kind, int64_t from_ms, int timeout_ms, size_t count)
 {
     int64_t deadline = SteadyMs() + timeout_ms;
     for (;;) {
-        if (Count(kind, from_ms, INT64_MAX) > 0)
+        if (Count(kind, from_ms, INT64_MAX) >= count)
             return true;
         if (SteadyMs() >= deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+}
+
+size_t StreamingCamera::PhoneDatagramsSince(int64_t from_ms)
+{
+    size_t count = 0;
+    for (const Received& entry : ReceivedSince(from_ms))
+        count += IsPhoneDatagram(entry.bytes) ? 1 : 0;
+    return count;
+}
+
+size_t StreamingCamera::WaitForPhoneDatagrams(int64_t from_ms, size_t count, int timeout_ms)
+{
+    int64_t deadline = SteadyMs() + timeout_ms;
+    size_t seen = PhoneDatagramsSince(from_ms);
+    while (seen < count && SteadyMs() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        seen = PhoneDatagramsSince(from_ms);
+    }
+    return seen;
+}
+
+size_t StreamingCamera::CountAnswering(DaemonDatagram kind, uint16_t first, uint16_t end)
+{
+    size_t count = 0;
+    for (const Received& entry : ReceivedSince(INT64_MIN)) {
+        if (ClassifyDaemonDatagram(entry.bytes) != kind || entry.bytes.size() < kCommandRxOffset + 2)
+            continue;
+        uint16_t answered = ReadLe16(entry.bytes.data() + kCommandRxOffset);
+        // Unsigned distances: right across a wrap of the counter too.
+        if (static_cast<uint16_t>(answered - first) < static_cast<uint16_t>(end - first))
+            ++count;
+    }
+    return count;
 }

@@ -53,8 +53,21 @@ public:
     // Everything received at or after `from_ms`.
     std::vector<Received> ReceivedSince(int64_t from_ms);
     size_t Count(DaemonDatagram kind, int64_t from_ms, int64_t to_ms);
-    // Waits until a datagram of `kind` arrives at or after `from_ms`.
-    bool WaitFor(DaemonDatagram kind, int64_t from_ms, int timeout_ms);
+    // Waits until `count` datagrams of `kind` have arrived at or after `from_ms`.
+    bool WaitFor(DaemonDatagram kind, int64_t from_ms, int timeout_ms, size_t count = 1);
+    // Phone datagrams passed on by the daemon, arrived at or after `from_ms`;
+    // the wait returns how many there are once `count` are there or at the time-out.
+    size_t PhoneDatagramsSince(int64_t from_ms);
+    size_t WaitForPhoneDatagrams(int64_t from_ms, size_t count, int timeout_ms);
+
+    // The camera sequence number of the next datagram it sends.
+    uint16_t NextSequence() const { return next_sequence_.load(); }
+    // Pings or acknowledgements (by `kind`) that the daemon built after
+    // receiving a camera datagram numbered from `first` up to `end`
+    // (exclusive): a ping and an ack carry the camera's last sequence number,
+    // so this tells what the daemon did while it held those datagrams,
+    // however late the test itself looks.
+    size_t CountAnswering(DaemonDatagram kind, uint16_t first, uint16_t end);
 
 private:
     void Run();
@@ -62,6 +75,7 @@ private:
     NamespaceUdpSocket socket_;
     int period_ms_;
     std::atomic<bool> stop_{false};
+    std::atomic<uint16_t> next_sequence_{0};
     std::mutex lock_;
     std::vector<Received> received_;  // guarded by lock_
     std::string daemon_host_;          // guarded by lock_; empty until the daemon sends
