@@ -49,6 +49,12 @@ struct Network {
     std::string daemon_path;    // PATH for the daemon, where "iptables" is that program
     std::string skip_reason;    // set when the kernel offers no NAT
 
+    ~Network()
+    {
+        unlink("/run/bridge-test-bin/iptables");
+        rmdir("/run/bridge-test-bin");
+    }
+
     bool Build(std::string* error)
     {
         if (!phone.ok() || !board.ok() || !camera.ok()) {
