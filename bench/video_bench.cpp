@@ -8,7 +8,7 @@
 // camera on loopback and sends it video datagrams (20-byte header, 1400- and
 // 9000-byte payloads) at rising rates, open loop. Every datagram carries its
 // number in the camera's sequence field, which the daemon's 34-byte
-// acknowledgement echoes: an ack means the payload is in the ring. The
+// acknowledgement echoes, for the latency. The
 // baseline is a forked process with the least the job needs: recvfrom into a
 // 10000-byte buffer, memcpy into a shared-memory ring of the same geometry
 // with the same slot header and next_slot / last_part stores, and the 34-byte
@@ -17,13 +17,14 @@
 // default and each side's best run kept. The receiving process has CPU 1 to
 // itself; the sender and the ack reader share CPU 0.
 //
-// Per step and system: delivered datagrams/s (acks per second of sending),
-// loss (sent - acked: kernel drops, as neither side drops on its own), CPU
-// seconds of the receiving process per 100k datagrams (/proc utime + stime),
-// and ack latency p50 / p99 (send to ack, one clock). Then the ratio of the
-// daemon's delivered rate to the baseline's, the knee of each (the highest
-// rate without loss) and the daemon's heap allocations while it carried the
-// run.
+// Per step and system: delivered datagrams/s (parts that reached the ring,
+// counted from its last_part, per second of sending), loss (sent - delivered:
+// kernel drops, as neither side drops on its own; acks lost on the way back
+// do not count), CPU seconds of the receiving process per 100k datagrams
+// (/proc utime + stime), and ack latency p50 / p99 (send to ack, one clock).
+// Then the ratio of the daemon's delivered rate to the baseline's, the knee of
+// each (the highest rate with loss under 0.1%) and the daemon's heap
+// allocations while it carried the run.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <getopt.h>
