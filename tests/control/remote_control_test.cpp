@@ -166,17 +166,6 @@ TEST(RcEdgeTest, ButtonStateTable)
     }
 }
 
-TEST(RcEdgeTest, HeldButtonFiresOnce)
-{
-    int32_t edge = 0;
-    int fired = 0;
-    for (int cycle = 0; cycle < 50; ++cycle)
-        fired += RcButtonStep(&edge, 1);
-    EXPECT_EQ(fired, 1);
-    RcButtonStep(&edge, 0);
-    EXPECT_TRUE(RcButtonStep(&edge, 1));
-}
-
 TEST(RcEdgeTest, RockerStateTable)
 {
     const struct {

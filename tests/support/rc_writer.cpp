@@ -2,7 +2,7 @@
 
 bool RcWriter::Start(const std::string& name)
 {
-    return tool_.Start(ToolPath("rcwriter"), {"--name=" + name, "-"});
+    return tool_.Start(ToolPath("rcwriter"), {"--name=" + name, "--press-ms=200", "-"});
 }
 
 bool RcWriter::Do(const std::string& line, int timeout_ms)

@@ -9,7 +9,9 @@
 
 class RcWriter {
 public:
-    // Starts the tool; it maps the record, creating it when missing.
+    // Starts the tool; it maps the record, creating it when missing. A
+    // "press" lasts 200 ms: enough once a movement mode is chosen (20 ms
+    // cycles), too short for the 1 s cycle before.
     bool Start(const std::string& name = "/shared_rc_raw");
     // One line of writer commands ("hold record 1", "stick 0.2 0 0", "ev off",
     // ...); true once the tool has answered it "ok".

@@ -5,8 +5,9 @@
 // demo script or a test.
 //
 //   tarnwick-rcwriter press record
-//   tarnwick-rcwriter --press-ms=1500 press mode   (the relay looks once a
-//                                   second until a movement mode is chosen)
+//   tarnwick-rcwriter --press-ms=100 press mode   (once the main application
+//                                   has chosen a movement mode the relay looks
+//                                   every 20 ms)
 //   tarnwick-rcwriter stick 0.2 0 0 wait 500 stick 0 0 0
 //   tarnwick-rcwriter -            (commands from standard input, one line
 //                                   at a time, each answered "ok N")
@@ -27,7 +28,9 @@
 
 namespace {
 
-constexpr uint32_t kDefaultPressMs = 200;
+// Longer than the relay's slowest cycle (1 s, before the main application
+// has chosen a movement mode), so that a press is never missed.
+constexpr uint32_t kDefaultPressMs = 1100;
 
 struct SlotName {
     const char* name;
@@ -77,7 +80,7 @@ void Usage()
           "       tarnwick-rcwriter [options] -     commands from standard input, one per line,\n"
           "                                         each answered \"ok N\" or \"error N: ...\"\n"
           "Commands (SLOT: 0..43 or a name below):\n"
-          "  press SLOT          value 1.0, wait --press-ms (default 200), value 0.0\n"
+          "  press SLOT          value 1.0, wait --press-ms (default 1100), value 0.0\n"
           "  hold SLOT VALUE     set the value and leave it (-1.0 pushes a rocker down)\n"
           "  release SLOT        value 0.0\n"
           "  set SLOT VALUE      the same as hold; VALUE may be nan or inf\n"
