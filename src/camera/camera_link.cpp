@@ -33,6 +33,8 @@ int CameraLinkInit(const char* host, int32_t port)
 {
     snprintf(camera_link.host, sizeof camera_link.host, "%s", host);
     camera_link.port = port;
+    camera_link.address_valid = port != 0 && camera_link.host[0] != '\0' &&
+                                MakeUdpAddress(camera_link.host, static_cast<uint16_t>(port), &camera_link.address) == 0;
     camera_link.last_datagram_ms.store(NowMs());
     if (camera_link.endpoint.Open(0) != 0)
         return -1;
@@ -50,10 +52,9 @@ int CameraLinkInit(const char* host, int32_t port)
 
 void SendToCamera(const void* data, size_t length)
 {
-    if (camera_link.port == 0 || camera_link.host[0] == '\0')
+    if (!camera_link.address_valid)
         return;
-    camera_link.endpoint.SendTo(data, static_cast<uint16_t>(length), camera_link.host,
-                                static_cast<uint16_t>(camera_link.port));
+    camera_link.endpoint.SendTo(data, static_cast<uint16_t>(length), camera_link.address);
 }
 
 void SendCameraPacket(uint8_t* frame, size_t length)

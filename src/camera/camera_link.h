@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include <netinet/in.h>
+
 #include "net/udp_endpoint.h"
 
 constexpr uint32_t kCameraSilenceLimitMs = 5000;
@@ -24,6 +26,8 @@ struct CameraLink {
     std::atomic<uint32_t> last_datagram_ms{0};  // receive thread writes, camera thread reads
     int32_t port = 0;                           // 0: not set
     char host[kCameraHostCapacity] = {};        // empty: not set
+    struct sockaddr_in address{};               // host:port converted once at initialisation
+    bool address_valid = false;                 // false: port 0, host empty or not dotted IPv4
     pthread_t thread{};
     uint8_t receive_buffer[kCameraReceiveBufferSize] = {};
 };

@@ -65,6 +65,7 @@ void UdpEndpoint::AttachBuffer(uint8_t* storage, uint16_t size)
 
 void UdpEndpoint::RunReceiveLoop()
 {
+    char source_ip_text[kPeerIpCapacity] = {};
     for (;;) {
         uint8_t* storage = buffer.load(std::memory_order_acquire);
         if (storage == nullptr) {
@@ -88,12 +89,15 @@ void UdpEndpoint::RunReceiveLoop()
             exit(3);
         }
 
-        char source_ip[kPeerIpCapacity];
-        inet_ntop(AF_INET, &source.sin_addr, source_ip, sizeof source_ip);
+        static_assert(kPeerIpCapacity >= INET_ADDRSTRLEN, "peer_ip holds a dotted IPv4 address");
+        if (source.sin_addr.s_addr != last_source.sin_addr.s_addr || source_ip_text[0] == '\0') {
+            inet_ntop(AF_INET, &source.sin_addr, source_ip_text, sizeof source_ip_text);
+            last_source = source;
+        }
         uint16_t source_port = ntohs(source.sin_port);
         {
             std::lock_guard<std::mutex> lock(peer_lock);
-            memcpy(peer_ip, source_ip, sizeof peer_ip);
+            memcpy(peer_ip, source_ip_text, sizeof peer_ip);
             peer_port = source_port;
             if (last_receive_ms == 0 && on_found != nullptr)
                 on_found();
@@ -101,7 +105,7 @@ void UdpEndpoint::RunReceiveLoop()
             last_receive_ms = now != 0 ? now : 1;  // 0 is reserved for "no live peer"
         }
         if (on_receive != nullptr)
-            on_receive(storage, static_cast<uint16_t>(received), source_ip, source_port);
+            on_receive(storage, static_cast<uint16_t>(received), source_ip_text, source_port);
     }
 }
 
@@ -119,16 +123,28 @@ void UdpEndpoint::CheckPeerTimeout()
     }
 }
 
+int MakeUdpAddress(const char* host, uint16_t port, struct sockaddr_in* address)
+{
+    memset(address, 0, sizeof *address);
+    address->sin_family = AF_INET;
+    address->sin_port = htons(port);
+    if (host == nullptr || inet_aton(host, &address->sin_addr) == 0)
+        return -1;
+    return 0;
+}
+
 int UdpEndpoint::SendTo(const void* data, uint16_t length, const char* host, uint16_t port)
 {
     struct sockaddr_in destination;
-    memset(&destination, 0, sizeof destination);
-    destination.sin_family = AF_INET;
-    destination.sin_port = htons(port);
-    if (host == nullptr || inet_aton(host, &destination.sin_addr) == 0)
+    if (MakeUdpAddress(host, port, &destination) != 0)
         return -1;
-    ssize_t sent = sendto(socket, data, length, 0,
-                          reinterpret_cast<struct sockaddr*>(&destination), sizeof destination);
+    return SendTo(data, length, destination);
+}
+
+int UdpEndpoint::SendTo(const void* data, uint16_t length, const struct sockaddr_in& destination)
+{
+    ssize_t sent = sendto(socket, data, length, 0, reinterpret_cast<const struct sockaddr*>(&destination),
+                          sizeof destination);
     return sent < 0 ? -1 : static_cast<int>(sent);
 }
 

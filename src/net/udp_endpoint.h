@@ -1,4 +1,5 @@
 #pragma once
+#include <netinet/in.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -44,6 +45,9 @@ struct UdpEndpoint {
     int socket = -1;
     uint32_t last_receive_ms = 0;         // guarded by peer_lock; 0: no live peer
     std::mutex peer_lock;
+    // The source of the last datagram as the socket gave it, so that peer_ip
+    // is formatted only when the sender changes (receive thread only).
+    struct sockaddr_in last_source{};
 
     // Creates, configures and binds the socket and starts the receive thread.
     // Returns 0, or -1 when the socket cannot be created or bound.
@@ -57,8 +61,13 @@ struct UdpEndpoint {
     // One datagram from this socket to host:port (dotted IPv4 only).
     // Returns the bytes sent, or -1.
     int SendTo(const void* data, uint16_t length, const char* host, uint16_t port);
+    // The same to an address already converted (hot paths convert it once).
+    int SendTo(const void* data, uint16_t length, const struct sockaddr_in& destination);
     // A consistent copy of the peer's address; returns the port (0: no peer).
     uint16_t GetPeer(char ip_out[kPeerIpCapacity]);
     // The local port the socket is bound to, or 0 when not open.
     uint16_t LocalPort() const;
 };
+
+// host:port as a socket address; returns -1 when host is not a dotted IPv4 text.
+int MakeUdpAddress(const char* host, uint16_t port, struct sockaddr_in* address);
