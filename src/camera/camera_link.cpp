@@ -29,12 +29,17 @@ void OnCameraLost()
 
 }  // namespace
 
-int CameraLinkInit(const char* host, int32_t port)
+void CameraLinkSetAddress(const char* host, int32_t port)
 {
     snprintf(camera_link.host, sizeof camera_link.host, "%s", host);
     camera_link.port = port;
     camera_link.address_valid = port != 0 && camera_link.host[0] != '\0' &&
                                 MakeUdpAddress(camera_link.host, static_cast<uint16_t>(port), &camera_link.address) == 0;
+}
+
+int CameraLinkInit(const char* host, int32_t port)
+{
+    CameraLinkSetAddress(host, port);
     camera_link.last_datagram_ms.store(NowMs());
     if (camera_link.endpoint.Open(0) != 0)
         return -1;

@@ -52,6 +52,10 @@ extern std::atomic<uint16_t> rx_sequence;
 // Opens the camera endpoint and starts the camera thread. Returns 0 or -1.
 int CameraLinkInit(const char* host, int32_t port);
 
+// Stores the camera's address (initialisation's first step; tests that send
+// through an endpoint of their own use it alone).
+void CameraLinkSetAddress(const char* host, int32_t port);
+
 // Sends one datagram to the camera from the camera endpoint; nothing when the
 // camera's address is not set.
 void SendToCamera(const void* data, size_t length);

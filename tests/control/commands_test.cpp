@@ -25,8 +25,7 @@ UdpPeer& Camera()
 {
     static UdpPeer* camera = [] {
         UdpPeer* peer = new UdpPeer();
-        snprintf(camera_link.host, sizeof camera_link.host, "127.0.0.1");
-        camera_link.port = peer->port();
+        CameraLinkSetAddress("127.0.0.1", peer->port());
         camera_link.endpoint.Open(0);
         return peer;
     }();
