@@ -61,7 +61,7 @@ TEST(CommandDatagram, HeaderBytesForA14ByteFrame)
     EXPECT_TRUE(IsCameraFrameAt(datagram + 34, frame.size(), 0));
 }
 
-TEST(CommandDatagram, BackSequenceWrapsBelowEight)
+TEST(CommandDatagram, SequenceNumbersWrap)
 {
     std::vector<uint8_t> frame = CommandFrame();
     SealCameraPacket(frame.data(), frame.size(), 0);
@@ -71,17 +71,12 @@ TEST(CommandDatagram, BackSequenceWrapsBelowEight)
     EXPECT_EQ(datagram[9], 0xff);
     EXPECT_EQ(datagram[10], 0x03);
     EXPECT_EQ(datagram[11], 0x00);
-}
 
-TEST(CommandDatagram, SequenceIsWrittenLittleEndianToTheLastValue)
-{
-    std::vector<uint8_t> frame = CommandFrame();
+    // The last sequence number, then the wrap.
     SealCameraPacket(frame.data(), frame.size(), 0xffff);
     EXPECT_EQ(frame[6], 0xff);
     EXPECT_EQ(frame[7], 0xff);
-    uint16_t next = 0xffff;
-    ++next;
-    SealCameraPacket(frame.data(), frame.size(), next);
+    SealCameraPacket(frame.data(), frame.size(), static_cast<uint16_t>(0xffff + 1));
     EXPECT_EQ(frame[6], 0x00);
     EXPECT_EQ(frame[7], 0x00);
 }
@@ -178,25 +173,6 @@ TEST(FrameScanner, HostileBlocksNeverReadPastTheirEnd)
         std::vector<uint8_t> block(frame.begin(), frame.begin() + cut);
         EXPECT_TRUE(Scan(block).frames.empty()) << "cut at " << cut;
     }
-    // A frame of the smallest accepted length, 4: its CRC16 spans bytes 0 and 1.
-    std::vector<uint8_t> tiny = {0x55, 0x04, 0x04, 0};
-    tiny[3] = Crc8(tiny.data(), 3);
-    uint16_t crc = Crc16(tiny.data(), 2);
-    if ((crc & 0xff) == tiny[2] && (crc >> 8) == tiny[3])
-        EXPECT_EQ(Scan(tiny).frames.size(), 1u);
-    else
-        EXPECT_TRUE(Scan(tiny).frames.empty());
-}
-
-TEST(FrameScanner, AllBytePatternsOfAShortBlockAreSafe)
-{
-    // Every 0x55 start with every length byte, padded with junk.
-    std::vector<uint8_t> block(300, 0x55);
-    for (int length = 0; length < 256; ++length) {
-        block[1] = static_cast<uint8_t>(length);
-        Scan(block);
-    }
-    SUCCEED();
 }
 
 }  // namespace

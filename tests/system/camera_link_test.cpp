@@ -139,18 +139,9 @@ TEST_F(CameraLinkTest, CameraThatFallsSilentEndsWithExitOne)
     EXPECT_NE(seen.find("rx connect request\n"), std::string::npos) << seen;
     EXPECT_NE(seen.find("stream started"), std::string::npos);
     EXPECT_NE(seen.find("rx first ack"), std::string::npos);
+    EXPECT_NE(seen.find("rx ping seq"), std::string::npos);
     EXPECT_NE(seen.find("falling silent"), std::string::npos);
     EXPECT_EQ(seen.find("BAD CHECKSUM"), std::string::npos);
-}
-
-TEST_F(CameraLinkTest, SimulatorLogsPingsWithGoodChecksums)
-{
-    ChildProcess simulator;
-    ASSERT_TRUE(simulator.Start(CamsimPath(), {"--port=19004", "--no-video"}));
-    ASSERT_TRUE(simulator.WaitForStdout("camera simulator on", 5000));
-    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(19004)));
-    ASSERT_TRUE(simulator.WaitForStdout("rx ping seq", 8000)) << simulator.Stdout();
-    EXPECT_EQ(simulator.Stdout().find("BAD CHECKSUM"), std::string::npos);
 }
 
 TEST_F(CameraLinkTest, EmptyDatagramEndsWithExitThree)
