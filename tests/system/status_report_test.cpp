@@ -37,20 +37,9 @@ const char kEmptyStatusText[] =
     "aperture=,shutter=,shutter_set=,iso=0,iso_set=,ev=,image_mode=,color_mode=,wb=,wb_temp=0,"
     "ratio=,sensor=0,video_std=,antiflicker=,histogram=0,pl_state=,pl_id=0,pl_dur=,pl_time=,";
 
-bool IsStatusLine(const Bytes& datagram)
-{
-    return !datagram.empty() && datagram[0] == 7;
-}
-
-bool IsBinary(const Bytes& datagram, uint8_t kind)
-{
-    return datagram.size() >= 2 && datagram[0] == 6 && datagram[1] == kind;
-}
-
-std::string Text(const Bytes& status_line)
-{
-    return std::string(status_line.begin() + 1, status_line.end());
-}
+bool IsStatusLine(const Bytes& datagram) { return !datagram.empty() && datagram[0] == 7; }
+bool IsBinary(const Bytes& datagram, uint8_t kind) { return datagram.size() >= 2 && datagram[0] == 6 && datagram[1] == kind; }
+std::string Text(const Bytes& status_line) { return std::string(status_line.begin() + 1, status_line.end()); }
 
 class StatusReportTest : public ::testing::Test {
 protected:
@@ -86,9 +75,16 @@ protected:
         }
         return {};
     }
-    Bytes BinaryMessage(uint8_t kind, int timeout_ms = 3000)
+    Bytes BinaryMessage(uint8_t kind) { return BinaryMessage(kind, [](const Bytes&) { return true; }); }
+    // Waits for the notice `text` on the notice port.
+    void ExpectNotice(const std::string& text)
     {
-        return BinaryMessage(kind, [](const Bytes&) { return true; }, timeout_ms);
+        std::string notice;
+        for (int i = 0; i < 10 && notice != text; ++i) {
+            Bytes datagram = notices.Receive(1000);
+            notice.assign(datagram.begin(), datagram.end());
+        }
+        EXPECT_EQ(notice, text);
     }
 
     // Everything the main application gets during `ms`.
@@ -130,27 +126,16 @@ TEST_F(StatusReportTest, NothingBeforeTheDataStreamThenTheEmptyRecord)
     // With no histogram or tracking report, each binary tick is one state
     // message; per second: one status line and five state messages.
     std::vector<Bytes> second = Collect(3000);
+    Bytes empty_state(39, 0);
+    empty_state[0] = 6;
     size_t status_lines = 0, states = 0, others = 0;
-    for (const Bytes& datagram : second) {
-        if (IsStatusLine(datagram))
-            ++status_lines;
-        else if (IsBinary(datagram, 0) && datagram.size() == 39)
-            ++states;
-        else
-            ++others;
-    }
+    for (const Bytes& datagram : second)
+        ++(IsStatusLine(datagram) ? status_lines : datagram == empty_state ? states : others);
     EXPECT_GE(status_lines, 2u);
     EXPECT_LE(status_lines, 4u);
     EXPECT_GE(states, 12u);
     EXPECT_LE(states, 17u);
     EXPECT_EQ(others, 0u);
-    Bytes empty_state(39, 0);
-    empty_state[0] = 6;
-    for (const Bytes& datagram : second) {
-        if (IsBinary(datagram, 0)) {
-            EXPECT_EQ(datagram, empty_state);
-        }
-    }
 
     // The notice: "rec_inactive" from a port of its own.
     uint16_t notice_port = 0;
@@ -164,35 +149,12 @@ TEST_F(StatusReportTest, ReportsShowInTheStatusLine)
 {
     camera.StartKeepAlive();
     CameraReportValues v;
-    v.model = 47;
-    v.mode = 1;
-    v.sd_free_mb = 29700;
-    v.shots_left = 512;
-    v.rec_time_left_s = 3725;
-    v.rec_time_s = 61;
-    v.shot_mode_code = 2;
-    v.resolution_code = 24;
-    v.frame_rate_code = 6;
-    v.aperture = 280;
-    v.shutter = 0x0080fa;
-    v.shutter_set = 0x020003;
-    v.iso = 800;
-    v.iso_set_code = 6;
-    v.ev_code = 14;
-    v.exposure_program = 4;
-    v.color_mode_code = 6;
-    v.white_balance_code = 3;
-    v.white_balance_temperature = 43;
-    v.ratio_code = 0;
-    v.sensor_code = 5;
-    v.video_standard_bits = 1;
-    v.antiflicker_code = 2;
-    v.ae_lock = 1;
-    v.battery_level = 57;
-    v.battery_charging = 1;
-    v.playback_state = 3;
-    v.playback_clip = 12;
-    v.playback_duration_ms = 95000;
+    v.model = 47, v.mode = 1, v.sd_free_mb = 29700, v.shots_left = 512, v.rec_time_left_s = 3725, v.rec_time_s = 61;
+    v.shot_mode_code = 2, v.resolution_code = 24, v.frame_rate_code = 6, v.aperture = 280, v.shutter = 0x0080fa;
+    v.shutter_set = 0x020003, v.iso = 800, v.iso_set_code = 6, v.ev_code = 14, v.exposure_program = 4;
+    v.color_mode_code = 6, v.white_balance_code = 3, v.white_balance_temperature = 43, v.ratio_code = 0;
+    v.sensor_code = 5, v.video_standard_bits = 1, v.antiflicker_code = 2, v.ae_lock = 1, v.battery_level = 57;
+    v.battery_charging = 1, v.playback_state = 3, v.playback_clip = 12, v.playback_duration_ms = 95000;
     v.playback_position_ms = 61999;
     camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v), CameraReport(CameraReportKind::kSettings, v),
                        CameraReport(CameraReportKind::kBattery, v), CameraReport(CameraReportKind::kPlayback, v)});
@@ -219,25 +181,12 @@ TEST_F(StatusReportTest, BinaryMessagesByteForByteAndTheRecordingNotice)
 {
     camera.StartKeepAlive();
     CameraReportValues v;
-    v.camera_flags = 0x80;  // recording
-    v.aux_1 = 0x31;
-    v.aux_2 = 0x02;
-    v.mode = 1;
+    v.camera_flags = 0x80, v.aux_1 = 0x31, v.aux_2 = 0x02, v.mode = 1, v.zoom = 150, v.ae_aux = 0x58;  // recording
     v.resolution_code = 10;  // zoom_max 400 in video
-    v.zoom = 150;
-    v.ae_aux = 0x58;
-    v.angle0 = -1800;
-    v.angle1 = -300;   // shown as -1500
-    v.angle2 = 25;     // shown as -25
-    v.attitude_mode_bits = 0x00;
-    v.gimbal_state_bits = 0x12;  // bits 1 and 4
-    v.focus_mode = 0x84;
-    v.focus_param_1 = 7;
-    v.focus_param_3 = 9;
-    v.focus_x = 0.25f;
-    v.focus_y = 0.5f;
-    v.focus_param_21 = 0x21;
-    v.focus_param_31 = 0x31;
+    v.angle0 = -1800, v.angle1 = -300, v.angle2 = 25;  // shown as -1800, -1500, -25
+    v.attitude_mode_bits = 0x00, v.gimbal_state_bits = 0x12;  // bits 1 and 4
+    v.focus_mode = 0x84, v.focus_param_1 = 7, v.focus_param_3 = 9, v.focus_x = 0.25f, v.focus_y = 0.5f;
+    v.focus_param_21 = 0x21, v.focus_param_31 = 0x31;
     camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v), CameraReport(CameraReportKind::kSettings, v),
                        CameraReport(CameraReportKind::kGimbalAttitude, v),
                        CameraReport(CameraReportKind::kGimbalState, v), CameraReport(CameraReportKind::kFocus, v)});
@@ -253,20 +202,19 @@ TEST_F(StatusReportTest, BinaryMessagesByteForByteAndTheRecordingNotice)
     };
     Bytes state = BinaryMessage(0, [&](const Bytes& m) { return m == expected_state; });
     EXPECT_EQ(state, expected_state);
-
-    std::string notice;
-    for (int i = 0; i < 10 && notice != "rec_active"; ++i) {
-        Bytes datagram = notices.Receive(1000);
-        notice.assign(datagram.begin(), datagram.end());
-    }
-    EXPECT_EQ(notice, "rec_active");
+    ExpectNotice("rec_active");
+    // The attitude is published in the shared region, 3 x i16.
+    int fd = shm_open("/shared_camstate", O_RDONLY, 0);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(lseek(fd, 0, SEEK_END), 6);
+    uint8_t region[6];
+    ASSERT_EQ(pread(fd, region, sizeof region, 0), 6);
+    close(fd);
+    EXPECT_EQ(Bytes(region, region + 6), (Bytes{0xf8, 0xf8, 0x24, 0xfa, 0xe7, 0xff}));
+    EXPECT_TRUE(daemon.WaitForStderr("Creating new shared cam state\n", 100));
 
     // Tracking and histogram messages appear with their reports.
-    v.tracking_subject = true;
-    v.tracking_x = 0.5f;
-    v.tracking_y = 0.25f;
-    v.tracking_w = 0.1f;
-    v.tracking_h = 1.0f;
+    v.tracking_subject = true, v.tracking_x = 0.5f, v.tracking_y = 0.25f, v.tracking_w = 0.1f, v.tracking_h = 1.0f;
     for (size_t i = 0; i < kHistogramBinCount; ++i)
         v.histogram[i] = static_cast<uint8_t>(i * 4);
     camera.SendFrames({CameraReport(CameraReportKind::kTracking, v), CameraReport(CameraReportKind::kHistogram, v)});
@@ -279,11 +227,7 @@ TEST_F(StatusReportTest, BinaryMessagesByteForByteAndTheRecordingNotice)
     // Recording stops: the notice follows.
     v.camera_flags = 0xc0;
     camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v)});
-    for (int i = 0; i < 10 && notice != "rec_inactive"; ++i) {
-        Bytes datagram = notices.Receive(1000);
-        notice.assign(datagram.begin(), datagram.end());
-    }
-    EXPECT_EQ(notice, "rec_inactive");
+    ExpectNotice("rec_inactive");
 }
 
 TEST_F(StatusReportTest, HistogramAgesOutAfterThreeSeconds)
@@ -308,26 +252,6 @@ TEST_F(StatusReportTest, HistogramAgesOutAfterThreeSeconds)
     EXPECT_GE(lasted, 2500);
     EXPECT_LE(lasted, 3800);
     StatusLineWith("histogram=0,");
-}
-
-TEST_F(StatusReportTest, SharedAttitudeRegion)
-{
-    camera.StartKeepAlive();
-    CameraReportValues v;
-    v.angle0 = 123;
-    v.angle1 = 1000;   // shown as 800
-    v.angle2 = -456;   // shown as 456
-    camera.SendFrames({CameraReport(CameraReportKind::kGimbalAttitude, v)});
-    ASSERT_TRUE(daemon.WaitForStderr("Creating new shared cam state\n", 3000)) << daemon.Stderr();
-    BinaryMessage(0, [](const Bytes& m) { return m.size() == 39 && m[3] == 123; });
-
-    int fd = shm_open("/shared_camstate", O_RDONLY, 0);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(lseek(fd, 0, SEEK_END), 6);
-    uint8_t region[6];
-    ASSERT_EQ(pread(fd, region, sizeof region, 0), 6);
-    close(fd);
-    EXPECT_EQ(Bytes(region, region + 6), (Bytes{0x7b, 0x00, 0x20, 0x03, 0xc8, 0x01}));
 }
 
 // A region left by an earlier run is opened, not recreated, sized to 6
@@ -366,11 +290,7 @@ TEST_F(StatusReportTest, JunkShortAndCorruptFramesChangeNothing)
 {
     camera.StartKeepAlive();
     CameraReportValues v;
-    v.model = 24;
-    v.mode = 0;
-    v.battery_level = 42;
-    v.iso_set_code = 5;
-    v.angle0 = 77;
+    v.model = 24, v.mode = 0, v.battery_level = 42, v.iso_set_code = 5, v.angle0 = 77;
     camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v), CameraReport(CameraReportKind::kSettings, v),
                        CameraReport(CameraReportKind::kBattery, v), CameraReport(CameraReportKind::kGimbalAttitude, v)});
     std::string before = StatusLineWith("camera_model=DJI Pocket Osmo");
@@ -378,24 +298,17 @@ TEST_F(StatusReportTest, JunkShortAndCorruptFramesChangeNothing)
     ASSERT_FALSE(state_before.empty());
 
     CameraReportValues other;
-    other.model = 47;
-    other.battery_level = 99;
-    other.iso_set_code = 9;
-    other.angle0 = 555;
+    other.model = 47, other.battery_level = 99, other.iso_set_code = 9, other.angle0 = 555;
     std::vector<Bytes> bad;
     for (CameraReportKind kind : {CameraReportKind::kCameraInfo, CameraReportKind::kSettings,
                                   CameraReportKind::kBattery, CameraReportKind::kGimbalAttitude}) {
         Bytes good = CameraReport(kind, other);
-        Bytes header = good, body = good, tail = good;
-        header[3] ^= 0xff;                      // header checksum
-        body[20] ^= 0x01;                       // frame checksum no longer matches
-        tail[tail.size() - 1] ^= 0x80;
-        bad.push_back(header);
-        bad.push_back(body);
-        bad.push_back(tail);
+        for (size_t byte : {size_t{3}, size_t{20}, good.size() - 1}) {  // header checksum, body, frame checksum
+            bad.push_back(good);
+            bad.back()[byte] ^= 0x41;
+        }
     }
-    for (const Bytes& frame : bad)
-        camera.SendFrames({frame});
+    camera.SendFrames(bad);
     // Length bytes 0 to 9 with their checksums right where they fit.
     for (uint8_t length = 0; length < 10; ++length) {
         Bytes frame = {0x55, length, 0x04, 0, 0, 0, 0, 0, 0, 0};
@@ -436,11 +349,7 @@ TEST_F(StatusReportTest, LostSubjectIsTrackedAgain)
 {
     camera.StartKeepAlive();
     CameraReportValues v;
-    v.tracking_subject = true;
-    v.tracking_x = 0.7f;
-    v.tracking_y = 0.4f;
-    v.tracking_w = 0.3f;
-    v.tracking_h = 0.3f;
+    v.tracking_subject = true, v.tracking_x = 0.7f, v.tracking_y = 0.4f, v.tracking_w = 0.3f, v.tracking_h = 0.3f;
     camera.SendFrames({CameraReport(CameraReportKind::kTracking, v)});
     v.tracking_subject = false;
     auto lost_at = Clock::now();
@@ -467,12 +376,8 @@ TEST_F(StatusReportTest, LostSubjectIsTrackedAgain)
     const uint8_t* payload = start.data() + kCommandHeaderSize + kFramePayloadOffset;
     const uint8_t head[] = {0x01, 0x00, 0x00, 0x0e, 0x00};
     EXPECT_EQ(0, memcmp(payload, head, sizeof head));
-    float box[4];
-    memcpy(box, payload + 5, sizeof box);
-    EXPECT_EQ(box[0], 0.7f);
-    EXPECT_EQ(box[1], 0.4f);
-    EXPECT_EQ(box[2], 0.1f);
-    EXPECT_EQ(box[3], 0.2f);
+    const float box[4] = {0.7f, 0.4f, 0.1f, 0.2f};
+    EXPECT_EQ(0, memcmp(payload + 5, box, sizeof box));
 }
 
 }  // namespace
