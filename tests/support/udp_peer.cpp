@@ -32,6 +32,11 @@ UdpPeer::~UdpPeer()
 
 std::vector<uint8_t> UdpPeer::Receive(int timeout_ms, uint16_t* from_port)
 {
+    return ReceiveFrom(timeout_ms, nullptr, from_port);
+}
+
+std::vector<uint8_t> UdpPeer::ReceiveFrom(int timeout_ms, std::string* from_host, uint16_t* from_port)
+{
     struct pollfd waiting = {fd_, POLLIN, 0};
     if (poll(&waiting, 1, timeout_ms) <= 0)
         return {};
@@ -43,6 +48,8 @@ std::vector<uint8_t> UdpPeer::Receive(int timeout_ms, uint16_t* from_port)
     if (count < 0)
         return {};
     datagram.resize(static_cast<size_t>(count));
+    if (from_host != nullptr)
+        *from_host = inet_ntoa(source.sin_addr);
     if (from_port != nullptr)
         *from_port = ntohs(source.sin_port);
     return datagram;
@@ -69,6 +76,28 @@ int UdpPeer::SendTo(uint16_t port, const void* data, size_t length)
     destination.sin_port = htons(port);
     return static_cast<int>(
         sendto(fd_, data, length, 0, reinterpret_cast<sockaddr*>(&destination), sizeof destination));
+}
+
+int UdpPeer::SendTo(const char* host, uint16_t port, const std::vector<uint8_t>& data)
+{
+    struct sockaddr_in destination = {};
+    destination.sin_family = AF_INET;
+    destination.sin_port = htons(port);
+    if (inet_aton(host, &destination.sin_addr) == 0)
+        return -1;
+    return static_cast<int>(sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&destination),
+                                   sizeof destination));
+}
+
+int UdpPeer::SendTo(const char* host, uint16_t port, const std::vector<uint8_t>& data)
+{
+    struct sockaddr_in destination = {};
+    destination.sin_family = AF_INET;
+    destination.sin_port = htons(port);
+    if (inet_aton(host, &destination.sin_addr) == 0)
+        return -1;
+    return static_cast<int>(sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&destination),
+                                   sizeof destination));
 }
 
 void UdpPeer::SetReceiveBuffer(int bytes)
