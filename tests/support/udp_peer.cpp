@@ -30,12 +30,7 @@ UdpPeer::~UdpPeer()
         close(fd_);
 }
 
-std::vector<uint8_t> UdpPeer::Receive(int timeout_ms, uint16_t* from_port)
-{
-    return ReceiveFrom(timeout_ms, nullptr, from_port);
-}
-
-std::vector<uint8_t> UdpPeer::ReceiveFrom(int timeout_ms, std::string* from_host, uint16_t* from_port)
+std::vector<uint8_t> UdpPeer::Receive(int timeout_ms, uint16_t* from_port, std::string* from_host)
 {
     struct pollfd waiting = {fd_, POLLIN, 0};
     if (poll(&waiting, 1, timeout_ms) <= 0)
@@ -76,17 +71,6 @@ int UdpPeer::SendTo(uint16_t port, const void* data, size_t length)
     destination.sin_port = htons(port);
     return static_cast<int>(
         sendto(fd_, data, length, 0, reinterpret_cast<sockaddr*>(&destination), sizeof destination));
-}
-
-int UdpPeer::SendTo(const char* host, uint16_t port, const std::vector<uint8_t>& data)
-{
-    struct sockaddr_in destination = {};
-    destination.sin_family = AF_INET;
-    destination.sin_port = htons(port);
-    if (inet_aton(host, &destination.sin_addr) == 0)
-        return -1;
-    return static_cast<int>(sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&destination),
-                                   sizeof destination));
 }
 
 int UdpPeer::SendTo(const char* host, uint16_t port, const std::vector<uint8_t>& data)

@@ -22,14 +22,10 @@ public:
     // goes to *from_port, its address to *from_host, when given.
     std::vector<uint8_t> Receive(int timeout_ms, uint16_t* from_port = nullptr, std::string* from_host = nullptr);
     // Skips datagrams until one of `length` bytes arrives (0: any length).
-    // Receive, with the sender's address too (for peers off loopback).
-    std::vector<uint8_t> ReceiveFrom(int timeout_ms, std::string* from_host, uint16_t* from_port);
     std::vector<uint8_t> ReceiveOfLength(size_t length, int timeout_ms, uint16_t* from_port = nullptr);
     // To 127.0.0.1:port.
     int SendTo(uint16_t port, const void* data, size_t length);
     int SendTo(uint16_t port, const std::vector<uint8_t>& data) { return SendTo(port, data.data(), data.size()); }
-    // To host:port, for peers off loopback.
-    int SendTo(const char* host, uint16_t port, const std::vector<uint8_t>& data);
     // To host:port, for peers beyond loopback (another network namespace).
     int SendTo(const char* host, uint16_t port, const std::vector<uint8_t>& data);
 
