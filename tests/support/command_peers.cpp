@@ -1,63 +1,34 @@
 #include "support/command_peers.h"
 
-#include <gtest/gtest.h>
-
+#include <cctype>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "camera/crc.h"
 #include "camera/frame.h"
+#include "camera/reassembly.h"
 
 namespace {
 
-constexpr int kKeepAlivePeriodMs = 200;
-constexpr uint8_t kStatusLineType = 7;
-constexpr uint8_t kBinaryMessageType = 6;
-constexpr uint8_t kStateMessageKind = 0;
+using Clock = std::chrono::steady_clock;
 
-bool IsPing(const Bytes& frame)
+int MsLeft(Clock::time_point deadline)
 {
-    return frame.size() == kFrameMinimumSize && frame[kFrameCommandTypeOffset] == 0 &&
-           frame[kFrameCommandSetOffset] == 0 && frame[kFrameCommandIdOffset] == 0;
+    return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
 }
 
 }  // namespace
-
-Bytes ParseHex(const std::string& hex)
-{
-    Bytes bytes;
-    int high = -1;
-    for (char c : hex) {
-        int digit;
-        if (c >= '0' && c <= '9')
-            digit = c - '0';
-        else if (c >= 'a' && c <= 'f')
-            digit = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F')
-            digit = c - 'A' + 10;
-        else
-            continue;
-        if (high < 0) {
-            high = digit;
-        } else {
-            bytes.push_back(static_cast<uint8_t>(high * 16 + digit));
-            high = -1;
-        }
-    }
-    return bytes;
-}
 
 std::string MaskedFrameHex(const Bytes& frame)
 {
     std::string text;
     for (size_t i = 0; i < frame.size(); ++i) {
-        bool masked = i == kFrameSequenceOffset || i == kFrameSequenceOffset + 1 || i + 2 >= frame.size();
         char byte[4];
         snprintf(byte, sizeof byte, "%02x", frame[i]);
-        if (!text.empty())
-            text += ' ';
-        text += masked ? ".." : byte;
+        bool masked = i == kFrameSequenceOffset || i == kFrameSequenceOffset + 1 || i + 2 >= frame.size();
+        text += (i == 0 ? "" : " ") + std::string(masked ? ".." : byte);
     }
     return text;
 }
@@ -65,13 +36,17 @@ std::string MaskedFrameHex(const Bytes& frame)
 Bytes ExpectedFrame(uint8_t command_set, uint8_t command_id, const std::string& payload_hex, uint8_t sender,
                     uint8_t type)
 {
-    Bytes payload = ParseHex(payload_hex);
-    Bytes frame = {kFrameStartByte, static_cast<uint8_t>(kFrameMinimumSize + payload.size()), kFrameVersion, 0,
-                   sender, static_cast<uint8_t>(command_set == 0x04 ? 0x04 : 0x01), 0, 0, type, command_set,
-                   command_id};
-    frame[kFrameHeaderCrcOffset] = Crc8(frame.data(), kFrameHeaderCrcOffset);
-    frame.insert(frame.end(), payload.begin(), payload.end());
+    Bytes frame = {kFrameStartByte, 0, kFrameVersion, 0, sender, static_cast<uint8_t>(command_set == 4 ? 4 : 1),
+                   0, 0, type, command_set, command_id};
+    std::string digits;  // pairs of hex digits; spaces are for the reader
+    for (char c : payload_hex)
+        if (isxdigit(static_cast<unsigned char>(c)))
+            digits += c;
+    for (size_t i = 0; i + 1 < digits.size(); i += 2)
+        frame.push_back(static_cast<uint8_t>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
     frame.insert(frame.end(), {0, 0});
+    frame[kFrameLengthOffset] = static_cast<uint8_t>(frame.size());
+    frame[kFrameHeaderCrcOffset] = Crc8(frame.data(), kFrameHeaderCrcOffset);
     return frame;
 }
 
@@ -83,19 +58,25 @@ std::string ExpectedFrameHex(uint8_t command_set, uint8_t command_id, const std:
 
 bool FrameChecksumsGood(const Bytes& frame)
 {
-    if (frame.size() < kFrameMinimumSize || frame[kFrameLengthOffset] != frame.size())
-        return false;
-    return Crc8(frame.data(), kFrameHeaderCrcOffset) == frame[kFrameHeaderCrcOffset] &&
+    return frame.size() >= kFrameMinimumSize && frame[kFrameLengthOffset] == frame.size() &&
+           Crc8(frame.data(), kFrameHeaderCrcOffset) == frame[kFrameHeaderCrcOffset] &&
            Crc16(frame.data(), frame.size() - 2) == ReadLe16(frame.data() + frame.size() - 2);
 }
 
 Bytes CommandFrameIn(const Bytes& datagram)
 {
-    if (datagram.size() <= kCommandHeaderSize || datagram[kTransportTypeOffset] != kTransportCommand)
+    if (datagram.size() < kCommandHeaderSize + kFrameMinimumSize || datagram[kTransportTypeOffset] != kTransportCommand)
         return {};
     Bytes frame(datagram.begin() + kCommandHeaderSize, datagram.end());
-    if (frame.size() < kFrameMinimumSize || IsPing(frame))
-        return {};
+    bool ping = frame.size() == kFrameMinimumSize && frame[kFrameCommandTypeOffset] == 0 &&
+                frame[kFrameCommandSetOffset] == 0 && frame[kFrameCommandIdOffset] == 0;
+    return ping ? Bytes() : frame;
+}
+
+Bytes CameraReport(CameraReportKind kind, const CameraReportValues& values)
+{
+    Bytes frame(kFrameMaximumSize);
+    frame.resize(BuildCameraReport(kind, values, frame.data(), frame.size(), 0x0042));
     return frame;
 }
 
@@ -106,64 +87,51 @@ CommandCamera::~CommandCamera()
         keep_alive_.join();
 }
 
-bool CommandCamera::Connect(int timeout_ms)
+bool CommandCamera::AwaitDaemon(int timeout_ms)
 {
-    if (!camera_.AwaitConnectRequest(timeout_ms))
-        return false;
-    keep_alive_ = std::thread(&CommandCamera::KeepAlive, this);
-    return true;
+    return camera_.AwaitConnectRequest(timeout_ms);
 }
 
-void CommandCamera::KeepAlive()
+void CommandCamera::StartKeepAlive()
 {
-    while (!stop_.load()) {
-        SendReports({});
-        std::this_thread::sleep_for(std::chrono::milliseconds(kKeepAlivePeriodMs));
-    }
+    keep_alive_ = std::thread([this] {
+        while (!stop_.load()) {
+            SendPayload({});
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        }
+    });
+}
+
+bool CommandCamera::Connect(int timeout_ms)
+{
+    if (!AwaitDaemon(timeout_ms))
+        return false;
+    StartKeepAlive();
+    return true;
 }
 
 void CommandCamera::SendReports(const std::vector<Bytes>& frames)
 {
-    std::lock_guard<std::mutex> lock(send_lock_);
-    // A payload with no frame start still counts as the data stream.
-    std::vector<Bytes> payload = frames;
-    if (payload.empty())
-        payload.push_back(Bytes(8, 0));
-    camera_.SendReports(camera_sequence_++, payload);
+    Bytes payload;
+    for (const Bytes& frame : frames)
+        payload.insert(payload.end(), frame.begin(), frame.end());
+    payload.resize(std::max<size_t>(payload.size(), kTelemetryBlockThreshold + 1), 0);
+    SendPayload(payload);
+}
+
+void CommandCamera::SendPayload(const Bytes& payload)
+{
+    camera_.Send(kTransportDataStream, sequence_++, payload);
 }
 
 Bytes CommandCamera::NextFrame(int timeout_ms)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return {};
-        Bytes frame = CommandFrameIn(camera_.socket().Receive(static_cast<int>(left.count())));
+    for (auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms); MsLeft(deadline) > 0;) {
+        Bytes frame = CommandFrameIn(camera_.socket().Receive(MsLeft(deadline)));
         if (!frame.empty())
             return frame;
     }
-}
-
-std::vector<Bytes> CommandCamera::FramesUntilQuiet(int quiet_ms)
-{
-    std::vector<Bytes> frames;
-    for (;;) {
-        Bytes frame = NextFrame(quiet_ms);
-        if (frame.empty())
-            return frames;
-        frames.push_back(frame);
-    }
-}
-
-bool MainAppPeer::LearnCommandPort(int timeout_ms)
-{
-    uint16_t from = 0;
-    Bytes datagram = socket_.Receive(timeout_ms, &from);
-    if (datagram.empty())
-        return false;
-    command_port_ = from;
-    return true;
+    return {};
 }
 
 void MainAppPeer::SendJson(const std::string& json)
@@ -177,60 +145,36 @@ void MainAppPeer::SendRaw(const Bytes& datagram)
     socket_.SendTo(command_port_, datagram);
 }
 
-std::string MainAppPeer::NextStatusLine(int timeout_ms)
+Bytes MainAppPeer::Next(const std::function<bool(const Bytes&)>& accept, int timeout_ms)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return "";
-        Bytes datagram = socket_.Receive(static_cast<int>(left.count()));
-        if (!datagram.empty() && datagram[0] == kStatusLineType)
-            return std::string(datagram.begin() + 1, datagram.end());
+    for (auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms); MsLeft(deadline) > 0;) {
+        uint16_t from = 0;
+        Bytes datagram = socket_.Receive(MsLeft(deadline), &from);
+        if (!datagram.empty())
+            command_port_ = from;
+        if (!datagram.empty() && (!accept || accept(datagram)))
+            return datagram;
     }
+    return {};
 }
 
-bool MainAppPeer::WaitForStateMessage(const std::function<bool(const Bytes&)>& accept, int timeout_ms)
+std::string MainAppPeer::StatusLineWith(const std::string& text, int timeout_ms)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return false;
-        Bytes datagram = socket_.Receive(static_cast<int>(left.count()));
-        if (datagram.size() >= 2 && datagram[0] == kBinaryMessageType && datagram[1] == kStateMessageKind &&
-            accept(datagram))
-            return true;
-    }
+    Bytes line = Next([&](const Bytes& d) { return d[0] == 7 && std::string(d.begin(), d.end()).find(text) != std::string::npos; },
+                      timeout_ms);
+    return line.empty() ? "" : std::string(line.begin() + 1, line.end());
 }
 
-bool MainAppPeer::WaitForStatusLine(const std::string& text, int timeout_ms)
+Bytes MainAppPeer::Binary(uint8_t kind, int timeout_ms, const std::function<bool(const Bytes&)>& accept)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return false;
-        std::string line = NextStatusLine(static_cast<int>(left.count()));
-        if (line.find(text) != std::string::npos)
-            return true;
-    }
+    return Next([&](const Bytes& d) { return d.size() >= 2 && d[0] == 6 && d[1] == kind && (!accept || accept(d)); },
+                timeout_ms);
 }
-
-namespace {
-
-constexpr int kStartTimeoutMs = 8000;
-constexpr int kMarkerTimeoutMs = 5000;
-constexpr size_t kTelemetryPadding = 520;  // the daemon decodes once more than 500 bytes are held
-const char kJsonLogPrefix[] = "JSON commands from app: ";
-
-}  // namespace
 
 bool CommandRig::Start()
 {
-    if (!daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"--dst-port", std::to_string(app.port())})))
-        return false;
-    return camera.Connect(kStartTimeoutMs) && app.LearnCommandPort(kStartTimeoutMs);
+    return daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"--dst-host", "127.0.0.1", "--dst-port", std::to_string(app.port())})) &&
+           camera.Connect(8000) && app.LearnCommandPort(8000);
 }
 
 CommandEffect CommandRig::Send(const std::string& json)
@@ -242,75 +186,46 @@ CommandEffect CommandRig::Send(const std::string& json)
 
 CommandEffect CommandRig::SendDatagram(const Bytes& datagram)
 {
-    CommandEffect effect;
-    size_t log_start = daemon.Stderr().size();
-    // A focus point of (n, 0), n counting the markers: a frame no other marker sends.
-    int number = ++marker_;
-    std::string marker = "{\"cmd\":\"focus\",\"param\":\"point\",\"value\":\"" + std::to_string(number) +
-                         "\",\"value2\":\"0\"}";
-    std::string marker_line = kJsonLogPrefix + marker + "\n";
-    std::string marker_log = marker_line + "Camera set focus point " + std::to_string(number) + ".000000,0.000000\n";
+    const int number = ++marker_;
+    const std::string marker = JsonCommand({{"cmd", "focus"}, {"param", "point"}, {"value", std::to_string(number)},
+                                            {"value2", "0"}});
+    const std::string marker_line = "JSON commands from app: " + marker + "\n";
     float x = static_cast<float>(number);
     uint8_t x_bytes[4];
     memcpy(x_bytes, &x, sizeof x_bytes);
     char payload[40];
-    snprintf(payload, sizeof payload, "%02x %02x %02x %02x 00 00 00 00", x_bytes[0], x_bytes[1], x_bytes[2],
-             x_bytes[3]);
-    std::string marker_frame = ExpectedFrameHex(0x02, 0x30, payload);
+    snprintf(payload, sizeof payload, "%02x %02x %02x %02x 00 00 00 00", x_bytes[0], x_bytes[1], x_bytes[2], x_bytes[3]);
+    const std::string marker_frame = ExpectedFrameHex(0x02, 0x30, payload);
+
+    CommandEffect effect;
+    size_t log_start = daemon.Stderr().size();
     app.SendRaw(datagram);
     app.SendJson(marker);
-    for (;;) {
-        Bytes frame = camera.NextFrame(kMarkerTimeoutMs);
+    for (Bytes frame = camera.NextFrame(5000);; frame = camera.NextFrame(5000)) {
         if (frame.empty())
             return effect;
         std::string hex = MaskedFrameHex(frame);
-        if (!FrameChecksumsGood(frame)) {
-            effect.frames.push_back("BAD CHECKSUM " + hex);
-            continue;
-        }
-        if (hex == marker_frame)
+        if (hex == marker_frame && FrameChecksumsGood(frame))
             break;
-        effect.frames.push_back(hex);
+        effect.frames.push_back((FrameChecksumsGood(frame) ? "" : "BAD CHECKSUM ") + hex);
     }
-    if (!daemon.WaitForStderr(marker_log, kMarkerTimeoutMs))
+    if (!daemon.WaitForStderr(marker_line + "Camera set focus point " + std::to_string(number) + ".000000,0.000000\n",
+                              5000))
         return effect;
     std::string log = daemon.Stderr();
-    size_t marker_at = log.find(marker_line, log_start);
-    effect.log = log.substr(log_start, marker_at - log_start);
+    effect.log = log.substr(log_start, log.find(marker_line, log_start) - log_start);
     effect.complete = true;
     return effect;
-}
-
-void CommandRig::SendReports(const std::vector<Bytes>& frames)
-{
-    std::vector<Bytes> padded = frames;
-    padded.push_back(Bytes(kTelemetryPadding, 0));
-    camera.SendReports(padded);
 }
 
 std::string JsonCommand(const JsonMembers& members)
 {
     std::string json = "{";
     for (const auto& member : members) {
-        if (json.size() > 1)
-            json += ",";
-        json += "\"" + member.first + "\":\"";
-        for (char c : member.second) {
-            if (c == '"' || c == '\\')
-                json += '\\';
-            json += c;
-        }
+        json += (json.size() > 1 ? ",\"" : "\"") + member.first + "\":\"";
+        for (char c : member.second)
+            json += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
         json += "\"";
     }
     return json + "}";
-}
-
-void CheckCommandCases(CommandRig& rig, const std::vector<CommandCase>& cases)
-{
-    for (const CommandCase& c : cases) {
-        CommandEffect effect = rig.Send(c.json);
-        ASSERT_TRUE(effect.complete) << c.json << "\n" << rig.daemon.Stderr();
-        EXPECT_EQ(effect.frames, c.frames) << c.json;
-        EXPECT_EQ(effect.log, "JSON commands from app: " + c.json + "\n" + c.log) << c.json;
-    }
 }

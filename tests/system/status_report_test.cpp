@@ -1,35 +1,24 @@
-// The status report end to end: a fake camera sends telemetry through the
-// daemon's real camera socket; a peer at the main application's address
-// (127.0.0.1:5000 by default) checks the status line text and the binary
-// messages byte for byte, another the recording notices on port 5255, and
-// the test reads the shared attitude region "/shared_camstate".
+// The status report end to end: a fake camera sends telemetry through the daemon's camera socket; the main
+// application (127.0.0.1:5000 by default) checks the status line and the binary messages byte for byte, a peer on
+// port 5255 the recording notices; also the shared attitude region, junk in the stream and the tracking restore.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <random>
 #include <string>
 #include <thread>
 
-#include "camera/crc.h"
-#include "camera/frame.h"
 #include "camera/reassembly.h"
-#include "state/report_layout.h"
-#include "support/child_process.h"
+#include "support/command_peers.h"
 #include "support/isolation.h"
-#include "support/reporting_camera.h"
-#include "support/udp_peer.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
-
-constexpr uint16_t kMainAppPort = 5000;
-constexpr uint16_t kNoticePort = 5255;
+using Kind = CameraReportKind;
 
 const char kEmptyStatusText[] =
     "camera_detected=0,camera_model=,camera_mode=,sd=,shots_left=0,rec_time_left=,rec_time=,"
@@ -37,9 +26,17 @@ const char kEmptyStatusText[] =
     "aperture=,shutter=,shutter_set=,iso=0,iso_set=,ev=,image_mode=,color_mode=,wb=,wb_temp=0,"
     "ratio=,sensor=0,video_std=,antiflicker=,histogram=0,pl_state=,pl_id=0,pl_dur=,pl_time=,";
 
-bool IsStatusLine(const Bytes& datagram) { return !datagram.empty() && datagram[0] == 7; }
-bool IsBinary(const Bytes& datagram, uint8_t kind) { return datagram.size() >= 2 && datagram[0] == 6 && datagram[1] == kind; }
-std::string Text(const Bytes& status_line) { return std::string(status_line.begin() + 1, status_line.end()); }
+// The six bytes of "/shared_camstate", after checking its size.
+Bytes AttitudeRegion()
+{
+    int fd = shm_open("/shared_camstate", O_RDONLY, 0);
+    Bytes region(6);
+    if (fd < 0 || lseek(fd, 0, SEEK_END) != 6 || pread(fd, region.data(), 6, 0) != 6)
+        region.clear();
+    if (fd >= 0)
+        close(fd);
+    return region;
+}
 
 class StatusReportTest : public ::testing::Test {
 protected:
@@ -50,184 +47,125 @@ protected:
         ASSERT_TRUE(camera.AwaitDaemon(5000)) << daemon.Stderr();
     }
 
-    // The next status line whose text contains `needle`.
-    std::string StatusLineWith(const std::string& needle, int timeout_ms = 4000)
+    void Send(std::initializer_list<Kind> kinds, const CameraReportValues& values)
     {
-        auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-        while (Clock::now() < deadline) {
-            Bytes datagram = main_app.Receive(200);
-            if (IsStatusLine(datagram) && Text(datagram).find(needle) != std::string::npos)
-                return Text(datagram);
-        }
-        ADD_FAILURE() << "no status line with " << needle << "\n" << daemon.Stderr();
-        return {};
+        std::vector<Bytes> frames;
+        for (Kind kind : kinds)
+            frames.push_back(CameraReport(kind, values));
+        camera.SendReports(frames);
     }
 
-    // The next binary message of `kind` for which `accept` holds.
-    template <typename Accept>
-    Bytes BinaryMessage(uint8_t kind, Accept accept, int timeout_ms = 3000)
+    bool NoticeTurns(const std::string& text)
     {
-        auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-        while (Clock::now() < deadline) {
-            Bytes datagram = main_app.Receive(200);
-            if (IsBinary(datagram, kind) && accept(datagram))
-                return datagram;
-        }
-        return {};
-    }
-    Bytes BinaryMessage(uint8_t kind) { return BinaryMessage(kind, [](const Bytes&) { return true; }); }
-    // Waits for the notice `text` on the notice port.
-    void ExpectNotice(const std::string& text)
-    {
-        std::string notice;
-        for (int i = 0; i < 10 && notice != text; ++i) {
+        for (int i = 0; i < 10; ++i) {
             Bytes datagram = notices.Receive(1000);
-            notice.assign(datagram.begin(), datagram.end());
+            if (std::string(datagram.begin(), datagram.end()) == text)
+                return true;
         }
-        EXPECT_EQ(notice, text);
+        return false;
     }
 
-    // Everything the main application gets during `ms`.
-    std::vector<Bytes> Collect(int ms)
-    {
-        std::vector<Bytes> all;
-        auto deadline = Clock::now() + std::chrono::milliseconds(ms);
-        while (Clock::now() < deadline) {
-            Bytes datagram = main_app.Receive(50);
-            if (!datagram.empty())
-                all.push_back(datagram);
-        }
-        return all;
-    }
-
-    UdpPeer main_app{kMainAppPort};
-    UdpPeer notices{kNoticePort};
-    ReportingCamera camera;
+    MainAppPeer app{5000};
+    UdpPeer notices{5255};
+    CommandCamera camera;
     ChildProcess daemon;
 };
 
-// ---------------------------------------------------------------------------
-
 TEST_F(StatusReportTest, NothingBeforeTheDataStreamThenTheEmptyRecord)
 {
-    // The camera has answered nothing yet: no status, no notice.
-    EXPECT_TRUE(main_app.Receive(2500).empty());
+    EXPECT_TRUE(app.Next(nullptr, 2500).empty());
     EXPECT_TRUE(notices.Receive(100).empty());
-
     camera.StartKeepAlive();
-    uint16_t status_port = 0;
-    Bytes line;
-    auto deadline = Clock::now() + std::chrono::seconds(4);
-    while (!IsStatusLine(line) && Clock::now() < deadline)
-        line = main_app.Receive(500, &status_port);
-    ASSERT_TRUE(IsStatusLine(line));
-    EXPECT_EQ(Text(line), kEmptyStatusText);
+    EXPECT_EQ(app.StatusLineWith("", 4000), kEmptyStatusText);
+    const uint16_t status_port = app.command_port();
 
-    // With no histogram or tracking report, each binary tick is one state
-    // message; per second: one status line and five state messages.
-    std::vector<Bytes> second = Collect(3000);
+    // Each second one status line and five all-zero state messages, nothing else.
     Bytes empty_state(39, 0);
     empty_state[0] = 6;
-    size_t status_lines = 0, states = 0, others = 0;
-    for (const Bytes& datagram : second)
-        ++(IsStatusLine(datagram) ? status_lines : datagram == empty_state ? states : others);
-    EXPECT_GE(status_lines, 2u);
-    EXPECT_LE(status_lines, 4u);
-    EXPECT_GE(states, 12u);
-    EXPECT_LE(states, 17u);
+    size_t lines = 0, states = 0, others = 0;
+    for (auto end = Clock::now() + std::chrono::seconds(3); Clock::now() < end;) {
+        Bytes datagram = app.Next(nullptr, 50);
+        if (!datagram.empty())
+            ++(datagram[0] == 7 ? lines : datagram == empty_state ? states : others);
+    }
+    EXPECT_TRUE(lines >= 2 && lines <= 4) << lines;
+    EXPECT_TRUE(states >= 12 && states <= 17) << states;
     EXPECT_EQ(others, 0u);
 
-    // The notice: "rec_inactive" from a port of its own.
     uint16_t notice_port = 0;
     Bytes notice = notices.Receive(1500, &notice_port);
     EXPECT_EQ(std::string(notice.begin(), notice.end()), "rec_inactive");
-    EXPECT_NE(notice_port, 0);
-    EXPECT_NE(notice_port, status_port);
+    EXPECT_NE(notice_port, status_port) << "the notice leaves from a socket of its own";
 }
 
 TEST_F(StatusReportTest, ReportsShowInTheStatusLine)
 {
     camera.StartKeepAlive();
     CameraReportValues v;
-    v.model = 47, v.mode = 1, v.sd_free_mb = 29700, v.shots_left = 512, v.rec_time_left_s = 3725, v.rec_time_s = 61;
-    v.shot_mode_code = 2, v.resolution_code = 24, v.frame_rate_code = 6, v.aperture = 280, v.shutter = 0x0080fa;
-    v.shutter_set = 0x020003, v.iso = 800, v.iso_set_code = 6, v.ev_code = 14, v.exposure_program = 4;
-    v.color_mode_code = 6, v.white_balance_code = 3, v.white_balance_temperature = 43, v.ratio_code = 0;
-    v.sensor_code = 5, v.video_standard_bits = 1, v.antiflicker_code = 2, v.ae_lock = 1, v.battery_level = 57;
-    v.battery_charging = 1, v.playback_state = 3, v.playback_clip = 12, v.playback_duration_ms = 95000;
-    v.playback_position_ms = 61999;
-    camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v), CameraReport(CameraReportKind::kSettings, v),
-                       CameraReport(CameraReportKind::kBattery, v), CameraReport(CameraReportKind::kPlayback, v)});
-    EXPECT_EQ(StatusLineWith("camera_detected=1"),
+    v.sd_free_mb = 29700, v.shots_left = 512, v.rec_time_left_s = 3725, v.rec_time_s = 61;
+    v.shot_mode_code = 2, v.resolution_code = 24, v.frame_rate_code = 6, v.aperture = 280;
+    v.shutter = 0x0080fa, v.shutter_set = 0x020003, v.iso = 800, v.iso_set_code = 6, v.ev_code = 14;
+    v.exposure_program = 4, v.color_mode_code = 6, v.white_balance_code = 3, v.white_balance_temperature = 43;
+    v.sensor_code = 5, v.video_standard_bits = 1, v.antiflicker_code = 2, v.ae_lock = 1;
+    v.battery_level = -5, v.battery_charging = 1;
+    v.playback_state = 3, v.playback_clip = 12, v.playback_duration_ms = 95000, v.playback_position_ms = 61999;
+    Send({Kind::kCameraInfo, Kind::kSettings, Kind::kBattery, Kind::kPlayback}, v);
+    EXPECT_EQ(app.StatusLineWith("camera_detected=1", 4000),
               "camera_detected=1,camera_model=DJI Pocket 2,camera_mode=video,sd=29.7G,shots_left=512,"
-              "rec_time_left=01:02:05,rec_time=00:01:01,voltage=0,battery_level=57,battery_charging=1,"
+              "rec_time_left=01:02:05,rec_time=00:01:01,voltage=0,battery_level=-5,battery_charging=1,"
               "shot_mode=JPG+RAW,resolution=2704x1520,framerate=60,format=2704x1520@60,ae=1,aperture=2.8,"
               "shutter=1/250,shutter_set=3.2\",iso=800,iso_set=800,ev=-0.7,image_mode=manual,"
               "color_mode=d-cinelike,wb=custom,wb_temp=4300,ratio=4:3,sensor=64,video_std=NTSC,"
-              "antiflicker=60 Hz,histogram=0,pl_state=paused,pl_id=12,pl_dur=00:01:35,pl_time=00:01:01,");
+              "antiflicker=60 Hz,histogram=0,pl_state=paused,pl_id=12,pl_dur=00:01:35,pl_time=00:01:01,")
+        << daemon.Stderr();
     EXPECT_TRUE(daemon.WaitForStderr("54 bytes: 0x55,0x36,0x04,", 1000)) << "the playback frame is logged";
-
-    // A second camera information report replaces the model; the camera
-    // stays detected.
-    v.model = 99;
-    v.mode = 0;
-    camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v)});
-    std::string line = StatusLineWith("camera_model=Unknown camera (99)");
-    EXPECT_NE(line.find("camera_detected=1,camera_model=Unknown camera (99),camera_mode=photo,"), std::string::npos)
-        << line;
 }
 
-TEST_F(StatusReportTest, BinaryMessagesByteForByteAndTheRecordingNotice)
+// Also the attitude region, the lock commanded back through the status source port, and the notice.
+TEST_F(StatusReportTest, BinaryMessagesByteForByte)
 {
     camera.StartKeepAlive();
     CameraReportValues v;
-    v.camera_flags = 0x80, v.aux_1 = 0x31, v.aux_2 = 0x02, v.mode = 1, v.zoom = 150, v.ae_aux = 0x58;  // recording
-    v.resolution_code = 10;  // zoom_max 400 in video
-    v.angle0 = -1800, v.angle1 = -300, v.angle2 = 25;  // shown as -1800, -1500, -25
-    v.attitude_mode_bits = 0x00, v.gimbal_state_bits = 0x12;  // bits 1 and 4
-    v.focus_mode = 0x84, v.focus_param_1 = 7, v.focus_param_3 = 9, v.focus_x = 0.25f, v.focus_y = 0.5f;
+    v.camera_flags = 0x80, v.aux_1 = 0x31, v.aux_2 = 0x02, v.resolution_code = 10, v.zoom = 150, v.ae_aux = 0x58;
+    v.angle0 = -1800, v.angle1 = -300, v.angle2 = 25, v.gimbal_state_bits = 0x12;
+    v.focus_mode = 0x84, v.focus_param_1 = 7, v.focus_param_3 = 9, v.focus_x = 0.25f, v.focus_y = -0.5f;
     v.focus_param_21 = 0x21, v.focus_param_31 = 0x31;
-    camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v), CameraReport(CameraReportKind::kSettings, v),
-                       CameraReport(CameraReportKind::kGimbalAttitude, v),
-                       CameraReport(CameraReportKind::kGimbalState, v), CameraReport(CameraReportKind::kFocus, v)});
-    const Bytes expected_state = {
+    Send({Kind::kCameraInfo, Kind::kSettings, Kind::kGimbalAttitude, Kind::kGimbalState, Kind::kFocus}, v);
+    Bytes expected = {
         0x06, 0x00, 0x01,                                // lock 0 | mode flag 1
-        0xf8, 0xf8, 0x24, 0xfa, 0xe7, 0xff,              // -1800, -1500, -25
-        0x80, 0x31, 0x02, 0x01, 0x84, 0x00,              // flags, aux, focus reported, MF
-        0x07, 0x00, 0x09, 0x00, 0xfa, 0x00, 0xf4, 0x01,  // params 1, 3; point 250, 500
-        0x21, 0x31, 0x58,                                // params 21, 31; ae_aux
+        0xf8, 0xf8, 0x24, 0xfa, 0xe7, 0xff,              // attitude -1800, -1500 (folded), -25 (negated)
+        0x80, 0x31, 0x02, 0x01, 0x84, 0x00,              // flags, aux 1, aux 2, focus reported, MF, 0
+        0x07, 0x00, 0x09, 0x00, 0xfa, 0x00, 0x00, 0x00,  // focus params 1, 3; point 250, 0 (negative)
+        0x21, 0x31, 0x58,                                // focus params 21, 31; ae_aux
         0x18, 0xff, 0x49, 0x00, 0x9a, 0xff, 0x34, 0x00,  // limits 1, 0, 3, 2
-        0x96, 0x00, 0x90, 0x01,                          // zoom 150 of 400
+        0x96, 0x00, 0x90, 0x01,                          // zoom 150 of 400 (video, 1920x1080)
         0x05,                                            // bit1 x 4 + bit4
     };
-    Bytes state = BinaryMessage(0, [&](const Bytes& m) { return m == expected_state; });
-    EXPECT_EQ(state, expected_state);
-    ExpectNotice("rec_active");
-    // The attitude is published in the shared region, 3 x i16.
-    int fd = shm_open("/shared_camstate", O_RDONLY, 0);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(lseek(fd, 0, SEEK_END), 6);
-    uint8_t region[6];
-    ASSERT_EQ(pread(fd, region, sizeof region, 0), 6);
-    close(fd);
-    EXPECT_EQ(Bytes(region, region + 6), (Bytes{0xf8, 0xf8, 0x24, 0xfa, 0xe7, 0xff}));
-    EXPECT_TRUE(daemon.WaitForStderr("Creating new shared cam state\n", 100));
+    EXPECT_EQ(app.Binary(0, 3000, [&](const Bytes& m) { return m == expected; }), expected);
+    EXPECT_EQ(AttitudeRegion(), Bytes(expected.begin() + 3, expected.begin() + 9));
+    EXPECT_NE(daemon.Stderr().find("Creating new shared cam state\n"), std::string::npos);
+    EXPECT_TRUE(NoticeTurns("rec_active"));
 
-    // Tracking and histogram messages appear with their reports.
+    // Mode flag 0 and gimbal bit 5 only; the lock requested shows in byte 2.
+    v.attitude_mode_bits = 0x80, v.gimbal_state_bits = 0x20;
+    Send({Kind::kGimbalAttitude, Kind::kGimbalState}, v);
+    EXPECT_FALSE(app.Binary(0, 3000, [](const Bytes& m) { return m[2] == 0 && m[38] == 2; }).empty());
+    app.SendJson(R"({"cmd":"orientation","param":"lock"})");
+    EXPECT_FALSE(app.Binary(0, 3000, [](const Bytes& m) { return m[2] == 1 && m[38] == 2; }).empty());
+
+    // Tracking and histogram messages come with their reports.
     v.tracking_subject = true, v.tracking_x = 0.5f, v.tracking_y = 0.25f, v.tracking_w = 0.1f, v.tracking_h = 1.0f;
     for (size_t i = 0; i < kHistogramBinCount; ++i)
         v.histogram[i] = static_cast<uint8_t>(i * 4);
-    camera.SendFrames({CameraReport(CameraReportKind::kTracking, v), CameraReport(CameraReportKind::kHistogram, v)});
-    const Bytes expected_tracking = {0x06, 0x02, 0x01, 0xff, 0x7f, 0xff, 0x3f, 0x99, 0x19, 0xff, 0xff};
-    EXPECT_EQ(BinaryMessage(2), expected_tracking);
-    Bytes histogram = BinaryMessage(1);
-    ASSERT_EQ(histogram.size(), 66u);
-    EXPECT_EQ(Bytes(histogram.begin() + 2, histogram.end()), Bytes(v.histogram, v.histogram + 64));
+    Send({Kind::kTracking, Kind::kHistogram}, v);
+    EXPECT_EQ(app.Binary(2, 3000), (Bytes{0x06, 0x02, 0x01, 0xff, 0x7f, 0xff, 0x3f, 0x99, 0x19, 0xff, 0xff}));
+    Bytes histogram = {0x06, 0x01};
+    histogram.insert(histogram.end(), v.histogram, v.histogram + kHistogramBinCount);
+    EXPECT_EQ(app.Binary(1, 3000), histogram);
 
-    // Recording stops: the notice follows.
     v.camera_flags = 0xc0;
-    camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v)});
-    ExpectNotice("rec_inactive");
+    Send({Kind::kCameraInfo}, v);
+    EXPECT_TRUE(NoticeTurns("rec_inactive"));
 }
 
 TEST_F(StatusReportTest, HistogramAgesOutAfterThreeSeconds)
@@ -235,88 +173,56 @@ TEST_F(StatusReportTest, HistogramAgesOutAfterThreeSeconds)
     camera.StartKeepAlive();
     CameraReportValues v;
     v.histogram[5] = 200;
-    camera.SendFrames({CameraReport(CameraReportKind::kHistogram, v)});
     auto sent_at = Clock::now();
-    ASSERT_EQ(BinaryMessage(1).size(), 66u);
-    StatusLineWith("histogram=1,");
-
-    // The last histogram message comes no later than about 3.1 s after the report.
-    auto last_histogram = sent_at;
-    auto deadline = sent_at + std::chrono::milliseconds(5000);
-    while (Clock::now() < deadline) {
-        Bytes datagram = main_app.Receive(100);
-        if (IsBinary(datagram, 1))
-            last_histogram = Clock::now();
-    }
-    auto lasted = std::chrono::duration_cast<std::chrono::milliseconds>(last_histogram - sent_at).count();
-    EXPECT_GE(lasted, 2500);
-    EXPECT_LE(lasted, 3800);
-    StatusLineWith("histogram=0,");
+    Send({Kind::kHistogram}, v);
+    ASSERT_EQ(app.Binary(1, 3000).size(), 66u);
+    EXPECT_NE(app.StatusLineWith("histogram=1,", 3000), "");
+    auto last = sent_at;
+    while (Clock::now() < sent_at + std::chrono::seconds(5))
+        if (!app.Binary(1, 100).empty())
+            last = Clock::now();
+    auto lasted = std::chrono::duration_cast<std::chrono::milliseconds>(last - sent_at).count();
+    EXPECT_TRUE(lasted >= 2500 && lasted <= 3800) << lasted;
+    EXPECT_NE(app.StatusLineWith("histogram=0,", 3000), "");
 }
 
-// A region left by an earlier run is opened, not recreated, sized to 6
-// bytes again, and keeps its contents until the first attitude report.
-TEST(StatusSharedRegion, ExistingRegionIsReused)
+// A region left by an earlier run is opened, not created, sized to 6 bytes, and keeps its contents until the
+// first attitude report.
+TEST_F(StatusReportTest, ExistingAttitudeRegionIsReused)
 {
-    REQUIRE_ISOLATION();
     int fd = shm_open("/shared_camstate", O_RDWR | O_CREAT, 0600);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(ftruncate(fd, 100), 0);
-    const uint8_t old[6] = {1, 2, 3, 4, 5, 6};
-    ASSERT_EQ(pwrite(fd, old, sizeof old, 0), 6);
-
-    ReportingCamera camera;
-    UdpPeer main_app(kMainAppPort);
-    ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(camera.port())));
-    ASSERT_TRUE(camera.AwaitDaemon(5000));
+    const Bytes old = {1, 2, 3, 4, 5, 6};
+    ASSERT_EQ(pwrite(fd, old.data(), 6, 0), 6);
+    close(fd);
     camera.StartKeepAlive();
-    CameraReportValues v;
-    v.battery_level = 10;
-    camera.SendFrames({CameraReport(CameraReportKind::kBattery, v)});
+    Send({Kind::kBattery}, CameraReportValues());
     ASSERT_TRUE(daemon.WaitForStderr("Shared cam state mem opened\n", 3000)) << daemon.Stderr();
     EXPECT_EQ(daemon.Stderr().find("Creating new shared cam state"), std::string::npos);
-    EXPECT_EQ(lseek(fd, 0, SEEK_END), 6);
-    uint8_t region[6];
-    ASSERT_EQ(pread(fd, region, sizeof region, 0), 6);
-    EXPECT_EQ(Bytes(region, region + 6), Bytes(old, old + 6));
-    close(fd);
+    EXPECT_EQ(AttitudeRegion(), old);
     shm_unlink("/shared_camstate");
 }
 
-// Junk, short, corrupt and cut frames in the stream change nothing that the
-// main application sees.
-TEST_F(StatusReportTest, JunkShortAndCorruptFramesChangeNothing)
+TEST_F(StatusReportTest, JunkAndCorruptFramesChangeNothing)
 {
     camera.StartKeepAlive();
-    CameraReportValues v;
-    v.model = 24, v.mode = 0, v.battery_level = 42, v.iso_set_code = 5, v.angle0 = 77;
-    camera.SendFrames({CameraReport(CameraReportKind::kCameraInfo, v), CameraReport(CameraReportKind::kSettings, v),
-                       CameraReport(CameraReportKind::kBattery, v), CameraReport(CameraReportKind::kGimbalAttitude, v)});
-    std::string before = StatusLineWith("camera_model=DJI Pocket Osmo");
-    Bytes state_before = BinaryMessage(0, [](const Bytes& m) { return m.size() == 39 && m[3] == 77; });
+    const Kind kinds[] = {Kind::kCameraInfo, Kind::kSettings, Kind::kBattery, Kind::kGimbalAttitude};
+    CameraReportValues v, other;
+    v.model = 24, v.battery_level = 42, v.iso_set_code = 5, v.angle0 = 77;
+    other.battery_level = 99, other.iso_set_code = 9, other.angle0 = 555;
+    Send({kinds[0], kinds[1], kinds[2], kinds[3]}, v);
+    const std::string before = app.StatusLineWith("camera_model=DJI Pocket Osmo", 4000);
+    const Bytes state_before = app.Binary(0, 3000, [](const Bytes& m) { return m[3] == 77; });
     ASSERT_FALSE(state_before.empty());
 
-    CameraReportValues other;
-    other.model = 47, other.battery_level = 99, other.iso_set_code = 9, other.angle0 = 555;
-    std::vector<Bytes> bad;
-    for (CameraReportKind kind : {CameraReportKind::kCameraInfo, CameraReportKind::kSettings,
-                                  CameraReportKind::kBattery, CameraReportKind::kGimbalAttitude}) {
-        Bytes good = CameraReport(kind, other);
-        for (size_t byte : {size_t{3}, size_t{20}, good.size() - 1}) {  // header checksum, body, frame checksum
-            bad.push_back(good);
-            bad.back()[byte] ^= 0x41;
+    // Each kind with other values, corrupt in its header check byte, its body or its CRC16.
+    for (Kind kind : kinds)
+        for (size_t at : {3, 20, 0}) {
+            Bytes frame = CameraReport(kind, other);
+            frame[at == 0 ? frame.size() - 1 : at] ^= 0x01;
+            camera.SendReports({frame});
         }
-    }
-    camera.SendFrames(bad);
-    // Length bytes 0 to 9 with their checksums right where they fit.
-    for (uint8_t length = 0; length < 10; ++length) {
-        Bytes frame = {0x55, length, 0x04, 0, 0, 0, 0, 0, 0, 0};
-        frame[3] = Crc8(frame.data(), 3);
-        if (length >= 6)
-            WriteLe16(frame.data() + length - 2, Crc16(frame.data(), length - 2));
-        camera.SendFrames({frame});
-    }
     // Random junk, dense in start bytes.
     std::mt19937 random(99);
     for (int i = 0; i < 20; ++i) {
@@ -325,59 +231,40 @@ TEST_F(StatusReportTest, JunkShortAndCorruptFramesChangeNothing)
             byte = random() % 3 == 0 ? 0x55 : static_cast<uint8_t>(random());
         camera.SendPayload(junk);
     }
-    // A good frame cut by the end of a block: the block ends, the rest
-    // arrives with the next one; neither half is decoded.
-    Bytes info = CameraReport(CameraReportKind::kCameraInfo, other);
-    Bytes first(kTelemetryBlockThreshold + 1, 0);
-    std::copy(info.begin(), info.begin() + 40, first.end() - 40);
+    // A good frame cut by the end of a block: its rest comes with the next block; neither half is decoded.
+    Bytes info = CameraReport(Kind::kCameraInfo, other);
+    Bytes first(kTelemetryBlockThreshold + 1 - 40, 0);
+    first.insert(first.end(), info.begin(), info.begin() + 40);
     camera.SendPayload(first);
-    Bytes second(info.begin() + 40, info.end());
-    second.resize(kTelemetryBlockThreshold + 1, 0);
-    camera.SendPayload(second);
+    camera.SendReports({Bytes(info.begin() + 40, info.end())});
 
-    // Two more status lines later, everything reads as before.
-    StatusLineWith("camera_detected=1");
-    EXPECT_EQ(StatusLineWith("camera_detected=1"), before);
-    Bytes state_after = BinaryMessage(0);
-    EXPECT_EQ(state_after, state_before);
+    app.StatusLineWith("", 3000);
+    EXPECT_EQ(app.StatusLineWith("", 3000), before);
+    EXPECT_EQ(app.Binary(0, 3000), state_before);
     EXPECT_EQ(daemon.WaitExit(0), -1) << "still running";
 }
 
-// A subject tracked and then lost for more than two seconds is tracked
-// again: the camera receives the stop and start frames with the last box.
+// A subject tracked, then lost for more than two seconds, is tracked again with the last box.
 TEST_F(StatusReportTest, LostSubjectIsTrackedAgain)
 {
     camera.StartKeepAlive();
     CameraReportValues v;
     v.tracking_subject = true, v.tracking_x = 0.7f, v.tracking_y = 0.4f, v.tracking_w = 0.3f, v.tracking_h = 0.3f;
-    camera.SendFrames({CameraReport(CameraReportKind::kTracking, v)});
+    auto tracked_at = Clock::now();
+    Send({Kind::kTracking}, v);
     v.tracking_subject = false;
-    auto lost_at = Clock::now();
-    camera.SendFrames({CameraReport(CameraReportKind::kTracking, v)});
+    Send({Kind::kTracking}, v);
     ASSERT_TRUE(daemon.WaitForStderr("Waiting restore tracking ", 2000)) << daemon.Stderr();
-    EXPECT_EQ(daemon.Stderr().find("Restore tracking...\n"), std::string::npos) << "not at once";
+    EXPECT_TRUE(camera.NextFrame(300).empty()) << "not at once";
 
-    while (Clock::now() - lost_at < std::chrono::milliseconds(2300))
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    camera.SendFrames({CameraReport(CameraReportKind::kTracking, v)});
-    ASSERT_TRUE(daemon.WaitForStderr("Restore tracking...\n", 2000)) << daemon.Stderr();
-    EXPECT_TRUE(daemon.WaitForStderr("Start tracking 0.7 0.4 0.1 0.2\n", 2000)) << daemon.Stderr();
-
-    // The start frame: 34 bytes, 02/A6, 01 00 00 0E 00, then x, y, w, h.
-    auto deadline = Clock::now() + std::chrono::seconds(3);
-    Bytes start;
-    while (start.empty() && Clock::now() < deadline) {
-        Bytes datagram = camera.fake().socket().Receive(200);
-        if (datagram.size() == kCommandHeaderSize + 34 && datagram[kCommandHeaderSize + 9] == 0x02 &&
-            datagram[kCommandHeaderSize + 10] == 0xa6 && datagram[kCommandHeaderSize + 11] == 0x01)
-            start = datagram;
-    }
-    ASSERT_FALSE(start.empty());
-    const uint8_t* payload = start.data() + kCommandHeaderSize + kFramePayloadOffset;
-    const uint8_t head[] = {0x01, 0x00, 0x00, 0x0e, 0x00};
-    EXPECT_EQ(0, memcmp(payload, head, sizeof head));
-    const float box[4] = {0.7f, 0.4f, 0.1f, 0.2f};
-    EXPECT_EQ(0, memcmp(payload + 5, box, sizeof box));
+    std::this_thread::sleep_until(tracked_at + std::chrono::milliseconds(2500));
+    Send({Kind::kTracking}, v);
+    EXPECT_EQ(MaskedFrameHex(camera.NextFrame(3000)), ExpectedFrameHex(0x02, 0xa6, std::string(42, '0')));
+    // 01 00 00 0e 00, then 0.7, 0.4, 0.1, 0.2 as IEEE-754 singles.
+    EXPECT_EQ(MaskedFrameHex(camera.NextFrame(3000)),
+              ExpectedFrameHex(0x02, 0xa6, "01 00 00 0e 00 33 33 33 3f cd cc cc 3e cd cc cc 3d cd cc 4c 3e"));
+    EXPECT_TRUE(daemon.WaitForStderr("Restore tracking...\nStop tracking\nStart tracking 0.7 0.4 0.1 0.2\n", 2000))
+        << daemon.Stderr();
 }
 
 }  // namespace
