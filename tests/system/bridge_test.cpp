@@ -1,419 +1,297 @@
-// The phone bridge end to end, with real routing and a real NAT rule: three
-// namespaces stand for the phone, the board and the camera.
+// The phone bridge end to end: the real NAT rule between three namespaces (phone, board, camera), and the
+// daemon going on with its bridge port when no rule can be made.
 //
-//   phone               board                          camera
-//   ph0 192.168.3.2 --- ap0 192.168.3.1  (daemon)
-//                       wl0 192.168.2.2 ------------- cam0 192.168.2.1:9004
+//   phone  ph0 192.168.3.2 --- ap0 192.168.3.1  board (daemon on its defaults)
+//                              wl0 192.168.2.2 --- cam0 192.168.2.1:9004  camera
 //
-// The daemon runs in the board namespace on its defaults (camera
-// 192.168.2.1:9004, main application 127.0.0.1:5000) with ap0 named as the
-// access-point interface, and inserts its rule with the real iptables. The
-// phone talks to the camera's address as it would through the board's access
-// point; only the rule brings its datagrams to the daemon (the board does not
-// forward), and only the rule's reverse mapping makes the daemon's replies
-// come from 192.168.2.1:9004. These addresses exist only in the namespaces
-// the test makes; all of them, with their links and rules, go when it ends.
-#include <dirent.h>
-#include <fcntl.h>
+// The phone talks to the camera's address; only the rule brings that to the daemon (the board does not
+// forward), and only the rule's reverse mapping makes the replies come from 192.168.2.1:9004.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
-#include <memory>
+#include <chrono>
+#include <cstring>
+#include <functional>
 #include <sstream>
 
 #include "bridge/mimo_bridge.h"
+#include "camera/camera_side.h"
 #include "camera/frame.h"
 #include "support/child_process.h"
 #include "support/isolation.h"
 #include "support/netns.h"
-#include "support/streaming_camera.h"
 
 namespace {
 
-constexpr const char* kCameraAddress = "192.168.2.1";
-constexpr uint16_t kCameraPort = 9004;
-constexpr const char* kPhoneAddress = "192.168.3.2";
-constexpr const char* kBoardApAddress = "192.168.3.1";
-constexpr const char* kApInterface = "ap0";
-constexpr const char* kBanner = "\nDJI Pocket 2 Wi-Fi client\n";
+constexpr char kPhoneMarker[] = "phone app datagram";
+constexpr const char* kRule =
+    "-A PREROUTING -d 192.168.2.1/32 -i ap0 -p udp -m udp --dport 9004 -j REDIRECT --to-ports 9004";
 
-// The board, phone and camera namespaces with their links.
-struct Network {
-    NetworkNamespace phone{"phone"};
-    NetworkNamespace board{"board"};
-    NetworkNamespace camera{"camera"};
-    std::string iptables;       // the program that changes the NAT table here
-    std::string daemon_path;    // PATH for the daemon, where "iptables" is that program
-    std::string skip_reason;    // set when the kernel offers no NAT
+int64_t NowMsSteady()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
 
-    ~Network()
+// A camera datagram fixed by its type and sequence number, so the phone can tell it arrived unchanged;
+// payload bytes stay below the frame start byte, so the daemon finds no report in them.
+std::vector<uint8_t> CameraDatagram(uint8_t type, uint16_t sequence)
+{
+    std::vector<uint8_t> datagram(kReceivedHeaderSize + 100 * type);
+    BuildCameraDatagramHeader(datagram.data(), kReceivedHeaderSize, datagram.size(), type, sequence);
+    for (size_t i = kReceivedHeaderSize; i < datagram.size(); ++i)
+        datagram[i] = static_cast<uint8_t>((sequence + i) & 0x3f);
+    return datagram;
+}
+
+std::vector<uint8_t> PhoneDatagram(uint8_t number)
+{
+    std::vector<uint8_t> datagram(64, number);
+    memcpy(datagram.data(), kPhoneMarker, sizeof kPhoneMarker);
+    return datagram;
+}
+
+// Plays the camera and the phone in one loop (no threads, nothing to lock) and records what each received.
+// Pings and acks carry the camera's last sequence number, so `pings` and `acks` tell what the daemon did
+// while it held which camera datagrams, however late the test itself looks.
+struct Rig {
+    std::unique_ptr<UdpPeer> camera, phone;
+    std::string daemon_host, camera_host;  // the daemon's camera side; where the phone sends
+    uint16_t camera_port;
+    uint16_t daemon_port = 0, sequence = 0;
+    bool talking = false;
+    size_t phone_sent = 0, phone_at_camera = 0, connects = 0;
+    size_t to_phone[3] = {};  // [0]: changed or not from the camera's address; [type]: unchanged
+    std::vector<uint16_t> pings, acks;
+    int64_t next_camera_ms = 0, next_phone_ms = 0;
+
+    Rig(std::unique_ptr<UdpPeer> camera_peer, std::unique_ptr<UdpPeer> phone_peer, const char* daemon_at,
+        const char* camera_at, uint16_t port)
+        : camera(std::move(camera_peer)), phone(std::move(phone_peer)), daemon_host(daemon_at),
+          camera_host(camera_at), camera_port(port)
     {
-        unlink("/run/bridge-test-bin/iptables");
-        rmdir("/run/bridge-test-bin");
     }
 
-    bool Build(std::string* error)
+    void Step()
     {
-        if (!phone.ok() || !board.ok() || !camera.ok()) {
-            *error = "namespaces";
-            return false;
-        }
-        if (!AddVethPair(board, kApInterface, std::string(kBoardApAddress) + "/24", phone, "ph0",
-                         std::string(kPhoneAddress) + "/24", error) ||
-            !AddVethPair(board, "wl0", "192.168.2.2/24", camera, "cam0", std::string(kCameraAddress) + "/24", error))
-            return false;
-        // Through the access point the phone reaches everything via the board.
-        if (phone.Run({"ip", "route", "add", "default", "via", kBoardApAddress}, error) != 0)
-            return false;
-        iptables = IptablesWithNat(board, &skip_reason);
-        daemon_path = "/usr/sbin:/usr/bin:/sbin:/bin";
-        if (iptables == "iptables-legacy") {
-            // A kernel with the old tables only: the daemon's "iptables" is the legacy one.
-            mkdir("/run/bridge-test-bin", 0755);
-            unlink("/run/bridge-test-bin/iptables");
-            if (symlink(FindProgram(iptables).c_str(), "/run/bridge-test-bin/iptables") != 0) {
-                *error = "cannot link iptables-legacy";
-                return false;
+        uint16_t from_port = 0;
+        std::string from_host;
+        for (std::vector<uint8_t> got; !(got = camera->Receive(5, &from_port)).empty();) {
+            daemon_port = from_port;  // a restarted daemon has a new one
+            uint8_t built[kPingDatagramSize];
+            uint16_t rx = got.size() >= kCommandRxOffset + 2 ? ReadLe16(got.data() + kCommandRxOffset) : 0;
+            connects += got.size() == kConnectRequestSize && memcmp(got.data(), kConnectRequest, got.size()) == 0;
+            if (got.size() == kPingDatagramSize) {
+                BuildPingDatagram(built, rx, ReadLe16(got.data() + kCommandHeaderSize + kFrameSequenceOffset));
+                if (memcmp(built, got.data(), got.size()) == 0)
+                    pings.push_back(rx);
             }
-            daemon_path = "/run/bridge-test-bin:" + daemon_path;
+            if (got.size() == kAckDatagramSize && (BuildAckDatagram(built, rx), memcmp(built, got.data(), got.size())) == 0)
+                acks.push_back(rx);
+            phone_at_camera += got == PhoneDatagram(got.back());
         }
+        for (std::vector<uint8_t> got; !(got = phone->Receive(0, &from_port, &from_host)).empty();) {
+            uint8_t type = got.size() > kTransportTypeOffset ? got[kTransportTypeOffset] : 0;
+            bool intact = (type == 1 || type == 2) && got == CameraDatagram(type, ReadLe16(got.data() + kReceivedSequenceOffset));
+            to_phone[intact && from_host == camera_host && from_port == camera_port ? type : 0]++;
+        }
+        int64_t now = NowMsSteady();
+        if (daemon_port != 0 && now >= next_camera_ms) {
+            next_camera_ms = now + 100;
+            for (uint8_t type : {kTransportDataStream, kTransportLiveVideo})
+                camera->SendTo(daemon_host.c_str(), daemon_port, CameraDatagram(type, sequence++));
+        }
+        if (talking && now >= next_phone_ms) {
+            next_phone_ms = now + 100;
+            phone->SendTo(camera_host.c_str(), camera_port, PhoneDatagram(static_cast<uint8_t>(phone_sent++)));
+        }
+    }
+    bool RunUntil(int timeout_ms, const std::function<bool()>& done)
+    {
+        for (int64_t end = NowMsSteady() + timeout_ms; !done(); Step())
+            if (NowMsSteady() >= end)
+                return false;
         return true;
     }
-
-    // The REDIRECT rules of the board's nat PREROUTING chain, one a line.
-    std::vector<std::string> Rules() const
+    void RunFor(int ms) { RunUntil(ms, [] { return false; }); }
+    size_t PhoneGot() const { return to_phone[0] + to_phone[1] + to_phone[2]; }
+    void ClearPhoneCounts() { memset(to_phone, 0, sizeof to_phone); }
+    // Pings or acks answering camera datagrams numbered first..end-1 (unsigned distance: across a wrap too).
+    static size_t Answering(const std::vector<uint16_t>& answers, uint16_t first, uint16_t end)
     {
-        std::string listing;
-        board.Run({iptables, "-t", "nat", "-S", "PREROUTING"}, &listing);
-        std::vector<std::string> rules;
-        std::stringstream lines(listing);
-        std::string line;
-        while (std::getline(lines, line))
-            if (line.find("-j REDIRECT") != std::string::npos)
-                rules.push_back(line);
-        return rules;
-    }
-
-    bool WaitForRules(size_t count, int timeout_ms) const
-    {
-        int64_t deadline = SteadyMs() + timeout_ms;
-        while (Rules().size() < count && SteadyMs() < deadline)
-            usleep(50000);
-        return Rules().size() >= count;
-    }
-
-    // The daemon, on its defaults, in the board namespace.
-    bool StartDaemon(ChildProcess* daemon) const
-    {
-        std::vector<std::string> command = board.ExecPrefix();
-        command.insert(command.end(), {FindProgram("env"), "PATH=" + daemon_path, DaemonPath()});
-        return daemon->Start(command[0], std::vector<std::string>(command.begin() + 1, command.end()));
+        size_t count = 0;
+        for (uint16_t rx : answers)
+            count += static_cast<uint16_t>(rx - first) < static_cast<uint16_t>(end - first);
+        return count;
     }
 };
+
+// The REDIRECT rules of a nat PREROUTING chain (ns null: the test's own namespace).
+std::vector<std::string> Rules(const NetworkNamespace* ns, const std::string& iptables)
+{
+    std::string listing;
+    std::vector<std::string> command = {iptables, "-t", "nat", "-S", "PREROUTING"};
+    ns != nullptr ? ns->Run(command, &listing) : RunProgram(command, &listing);
+    std::vector<std::string> rules;
+    std::stringstream lines(listing);
+    for (std::string line; std::getline(lines, line);)
+        if (line.find("-j REDIRECT") != std::string::npos)
+            rules.push_back(line);
+    return rules;
+}
 
 void WriteApInterfaceFile(const char* text)
 {
     mkdir("/run/tarnwickrelay", 0755);
-    FILE* file = fopen("/run/tarnwickrelay/ap.iface", "w");
-    ASSERT_NE(file, nullptr);
-    fputs(text, file);
-    fclose(file);
+    unlink("/run/tarnwickrelay/ap.iface");
+    if (FILE* file = text != nullptr ? fopen("/run/tarnwickrelay/ap.iface", "w") : nullptr) {
+        fputs(text, file);
+        fclose(file);
+    }
 }
-
-void ExpectRuleForTheCamera(const std::string& rule)
-{
-    for (const char* part : {"-d 192.168.2.1/32", "-i ap0", "-p udp", "--dport 9004", "--to-ports 9004"})
-        EXPECT_NE(rule.find(part), std::string::npos) << "rule: " << rule;
-}
-
-// The phone app: one socket (its current source port) in `ns` (null: the
-// test's own), numbered datagrams to the camera's address as the phone knows
-// it, and checks on what comes back from there.
-struct Phone {
-    const NetworkNamespace* ns;
-    std::string own_host;
-    std::string camera_host;
-    uint16_t camera_port;
-    std::unique_ptr<NamespaceUdpSocket> socket;
-    uint32_t sent = 0;
-
-    Phone(const NetworkNamespace* phone_ns, const char* phone_host, const char* to_host, uint16_t to_port)
-        : ns(phone_ns), own_host(phone_host), camera_host(to_host), camera_port(to_port)
-    {
-        NewSourcePort();
-    }
-    void NewSourcePort() { socket.reset(new NamespaceUdpSocket(ns, own_host.c_str(), 0)); }
-    void Send() { socket->SendTo(camera_host.c_str(), camera_port, PhoneDatagram(sent++)); }
-
-    // Talks every 100 ms for `duration_ms` (or until `stop_after` datagrams
-    // came back) and receives meanwhile; every datagram must come from the
-    // camera's address as the camera sent it. Returns how many of each type
-    // (1, 2) arrived.
-    std::pair<size_t, size_t> Talk(int duration_ms, size_t stop_after = SIZE_MAX)
-    {
-        size_t stream = 0, video = 0, foreign = 0, changed = 0;
-        std::string first_foreign;
-        int64_t end = SteadyMs() + duration_ms;
-        int64_t next_send = 0;
-        while (SteadyMs() < end && stream + video < stop_after) {
-            if (SteadyMs() >= next_send) {
-                Send();
-                next_send = SteadyMs() + 100;
-            }
-            std::string from_host;
-            uint16_t from_port = 0;
-            std::vector<uint8_t> datagram = socket->Receive(10, &from_host, &from_port);
-            if (datagram.empty())
-                continue;
-            if (from_host != camera_host || from_port != camera_port) {
-                if (foreign++ == 0)
-                    first_foreign = from_host + ":" + std::to_string(from_port);
-            }
-            if (!IsStreamDatagram(datagram))
-                ++changed;
-            else
-                (datagram[kTransportTypeOffset] == kTransportLiveVideo ? video : stream) += 1;
-        }
-        EXPECT_EQ(foreign, 0u) << "datagrams to the phone not from the camera's address, first from "
-                               << first_foreign;
-        EXPECT_EQ(changed, 0u) << "datagrams changed on their way to the phone";
-        return {stream, video};
-    }
-
-    // Datagrams arriving on `which` within `duration_ms`, without talking.
-    static size_t Listen(NamespaceUdpSocket& which, int duration_ms)
-    {
-        size_t count = 0;
-        int64_t end = SteadyMs() + duration_ms;
-        while (SteadyMs() < end)
-            if (!which.Receive(10).empty())
-                ++count;
-        return count;
-    }
-};
 
 }  // namespace
 
 TEST(BridgeNat, PhoneReachesTheCameraThroughTheBoardsNatRule)
 {
     REQUIRE_ISOLATION();
-    Network network;
-    std::string error;
-    ASSERT_FALSE(FindProgram("iptables").empty()) << "iptables is missing: scripts/setup.sh installs it";
-    ASSERT_TRUE(network.Build(&error)) << error;
-    if (network.iptables.empty())
-        GTEST_SKIP() << "the kernel offers no NAT table to iptables here, so no REDIRECT rule can work:\n"
-                     << network.skip_reason;
+    NetworkNamespace phone_ns("phone"), board("board"), camera_ns("camera");
+    std::string error, why;
+    ASSERT_TRUE(AddVethPair(board, "ap0", "192.168.3.1/24", phone_ns, "ph0", "192.168.3.2/24", &error) &&
+                AddVethPair(board, "wl0", "192.168.2.2/24", camera_ns, "cam0", "192.168.2.1/24", &error) &&
+                phone_ns.Run({"ip", "route", "add", "default", "via", "192.168.3.1"}, &error) == 0)
+        << error;
+    std::string iptables = IptablesWithNat(board, &why);
+    if (iptables.empty())
+        GTEST_SKIP() << "the kernel offers no NAT table to iptables here, so no REDIRECT rule can work:\n" << why;
+    // On a kernel with the old tables only, the daemon's "iptables" is the legacy one (the link goes with
+    // the test's private /run).
+    std::string daemon_path = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+    if (iptables == "iptables-legacy") {
+        mkdir("/run/legacy-bin", 0755);
+        ASSERT_EQ(symlink(FindProgram(iptables).c_str(), "/run/legacy-bin/iptables"), 0);
+        daemon_path = "PATH=/run/legacy-bin:" + daemon_path.substr(5);
+    }
     WriteApInterfaceFile("ap0\n");
-
-    StreamingCamera camera(&network.camera, kCameraAddress, kCameraPort);
-    ASSERT_TRUE(camera.ok());
+    Rig rig(camera_ns.NewPeer("192.168.2.1", 9004), phone_ns.NewPeer("192.168.3.2", 0), "192.168.2.2",
+            "192.168.2.1", 9004);
+    std::vector<std::string> command = board.ExecPrefix();
+    command.insert(command.end(), {FindProgram("env"), daemon_path, DaemonPath()});
+    std::vector<std::string> arguments(command.begin() + 1, command.end());
     ChildProcess daemon;
-    ASSERT_TRUE(network.StartDaemon(&daemon));
+    ASSERT_TRUE(daemon.Start(command[0], arguments));
+    auto logged = [&daemon](const char* text) { return [&daemon, text] { return daemon.Stderr().find(text) != std::string::npos; }; };
     // Generous waits throughout: sanitizer builds on a busy machine start slowly.
-    ASSERT_TRUE(camera.WaitForDaemon(20000)) << daemon.Stderr();
-    ASSERT_TRUE(daemon.WaitForStderr("Camera connection found\n", 10000)) << daemon.Stderr();
-    EXPECT_EQ(daemon.Stderr().rfind(kBanner, 0), 0u) << daemon.Stderr();
+    ASSERT_TRUE(rig.RunUntil(20000, logged("Camera connection found\n"))) << daemon.Stderr();
+    ASSERT_TRUE(rig.RunUntil(10000, [&] { return !Rules(&board, iptables).empty(); })) << daemon.Stderr();
+    EXPECT_EQ(Rules(&board, iptables), std::vector<std::string>{kRule});
 
-    // One rule, for the camera's address and port on the access point.
-    ASSERT_TRUE(network.WaitForRules(1, 10000)) << daemon.Stderr();
-    std::vector<std::string> rules = network.Rules();
-    ASSERT_EQ(rules.size(), 1u);
-    ExpectRuleForTheCamera(rules[0]);
+    // Before the phone says anything nothing goes to it, and the daemon keeps the camera alive itself.
+    size_t pings = rig.pings.size(), acks = rig.acks.size();
+    rig.RunFor(2000);
+    EXPECT_EQ(rig.PhoneGot(), 0u);
+    EXPECT_GT(rig.pings.size(), pings);
+    EXPECT_GE(rig.acks.size(), acks + 5);
 
-    // Before the phone says anything, nothing goes to it, and the daemon
-    // keeps the camera alive itself: pings and video acknowledgements.
-    Phone phone(&network.phone, kPhoneAddress, kCameraAddress, kCameraPort);
-    int64_t quiet_start = SteadyMs();
-    EXPECT_EQ(Phone::Listen(*phone.socket, 1500), 0u);
-    EXPECT_TRUE(camera.WaitFor(DaemonDatagram::kPing, quiet_start, 5000));
-    EXPECT_TRUE(camera.WaitFor(DaemonDatagram::kVideoAck, quiet_start, 5000, 5));
-
-    // The phone talks: it gets the camera's datagrams, video included, as
-    // from the camera; the camera gets the phone's, from the daemon's port.
-    std::pair<size_t, size_t> arrived = phone.Talk(10000, 1);
-    ASSERT_EQ(arrived.first + arrived.second, 1u) << "no answer to the phone:\n" << daemon.Stderr();
-    ASSERT_TRUE(daemon.WaitForStderr("DJI MIMO connection found\n", 1000)) << daemon.Stderr();
-    int64_t talk_start = SteadyMs();
-    uint32_t sent_before = phone.sent;
-    // The flag is up before the line is written: every camera datagram sent
-    // from now on reaches a daemon that knows the phone is there.
-    uint16_t bridged_first = camera.NextSequence();
-    arrived = phone.Talk(3000);
-    uint16_t bridged_end = camera.NextSequence();
-    EXPECT_GE(arrived.first, 10u) << "data-stream datagrams forwarded to the phone";
-    EXPECT_GE(arrived.second, 10u) << "live-video datagrams forwarded to the phone";
-    EXPECT_GE(static_cast<uint16_t>(bridged_end - bridged_first), 20) << "the camera hardly sent anything";
-    EXPECT_EQ(camera.CountAnswering(DaemonDatagram::kVideoAck, bridged_first, bridged_end), 0u)
-        << "video acknowledged while the phone talked";
-    EXPECT_EQ(camera.CountAnswering(DaemonDatagram::kPing, bridged_first, bridged_end), 0u)
-        << "pings while the phone talked";
-    EXPECT_EQ(camera.Count(DaemonDatagram::kConnectRequest, talk_start, SteadyMs()), 0u);
-    EXPECT_GE(camera.WaitForPhoneDatagrams(talk_start, phone.sent - sent_before, 5000), phone.sent - sent_before)
-        << "phone datagrams that reached the camera unchanged";
-    size_t foreign = 0;
-    for (const StreamingCamera::Received& entry : camera.ReceivedSince(talk_start))
-        foreign += IsPhoneDatagram(entry.bytes) && entry.from_host != "192.168.2.2" ? 1 : 0;
-    EXPECT_EQ(foreign, 0u) << "phone datagrams that did not come from the daemon's camera side";
+    // The phone talks: it gets the camera's datagrams unchanged, as from the camera; the camera gets the
+    // phone's; the daemon's own pings and acks stop for every camera datagram it holds meanwhile.
+    rig.talking = true;
+    ASSERT_TRUE(rig.RunUntil(10000, [&] { return rig.PhoneGot() > 0; })) << "no answer:\n" << daemon.Stderr();
+    ASSERT_TRUE(rig.RunUntil(1000, logged("DJI MIMO connection found\n"))) << daemon.Stderr();
+    rig.ClearPhoneCounts();
+    // The flag is up before the line is written: every camera datagram from now on meets it.
+    size_t sent_before = rig.phone_sent, at_camera_before = rig.phone_at_camera, connects = rig.connects;
+    uint16_t first = rig.sequence;
+    rig.RunFor(3000);
+    uint16_t end = rig.sequence;
+    EXPECT_EQ(rig.to_phone[0], 0u) << "datagrams to the phone changed or not from 192.168.2.1:9004";
+    EXPECT_GE(rig.to_phone[kTransportDataStream], 10u);
+    EXPECT_GE(rig.to_phone[kTransportLiveVideo], 10u);
+    EXPECT_GE(static_cast<uint16_t>(end - first), 20) << "the camera hardly sent anything";
+    EXPECT_EQ(Rig::Answering(rig.pings, first, end), 0u) << "pings while the phone talked";
+    EXPECT_EQ(Rig::Answering(rig.acks, first, end), 0u) << "video acknowledged while the phone talked";
+    EXPECT_EQ(rig.connects, connects);
+    size_t sent = rig.phone_sent - sent_before;
+    EXPECT_TRUE(rig.RunUntil(5000, [&] { return rig.phone_at_camera - at_camera_before >= sent; }))
+        << rig.phone_at_camera - at_camera_before << " of " << sent << " phone datagrams reached the camera";
 
     // A new source port: replies follow the phone's latest datagram.
-    std::unique_ptr<NamespaceUdpSocket> old_socket = std::move(phone.socket);
-    phone.NewSourcePort();
-    arrived = phone.Talk(5000, 1);
-    ASSERT_GT(arrived.first + arrived.second, 0u) << "nothing reached the phone's new port";
-    Phone::Listen(*old_socket, 300);  // what was forwarded before the switch
-    arrived = phone.Talk(1000);
-    EXPECT_GT(arrived.first + arrived.second, 5u);
-    EXPECT_EQ(Phone::Listen(*old_socket, 10), 0u) << "datagrams still went to the old port";
-    EXPECT_EQ(daemon.Stderr().find("DJI MIMO connection lost\n"), std::string::npos) << daemon.Stderr();
+    std::unique_ptr<UdpPeer> old_phone = std::move(rig.phone);
+    rig.phone = phone_ns.NewPeer("192.168.3.2", 0);
+    rig.ClearPhoneCounts();
+    ASSERT_TRUE(rig.RunUntil(5000, [&] { return rig.PhoneGot() > 0; })) << "nothing reached the new port";
+    rig.RunFor(300);
+    while (!old_phone->Receive(0).empty()) {  // what was forwarded before the switch
+    }
+    rig.RunFor(1000);
+    EXPECT_GT(rig.to_phone[1] + rig.to_phone[2], 5u);
+    EXPECT_TRUE(old_phone->Receive(0).empty()) << "datagrams still went to the old port";
+    EXPECT_FALSE(logged("DJI MIMO connection lost\n")()) << daemon.Stderr();
 
-    // The phone falls silent: lost after one second of silence, at the next
-    // once-a-second check, so within two seconds (slack for a busy machine);
-    // forwarding stops and the daemon's own keep-alives resume.
-    int64_t silent_from = SteadyMs();
-    ASSERT_TRUE(daemon.WaitForStderr("DJI MIMO connection lost\n", 4000)) << daemon.Stderr();
-    int64_t lost_at = SteadyMs();
-    EXPECT_GE(lost_at - silent_from, 800) << "lost before a second of silence";
-    EXPECT_TRUE(camera.WaitFor(DaemonDatagram::kVideoAck, lost_at, 3000)) << "acknowledgements did not resume";
-    EXPECT_TRUE(camera.WaitFor(DaemonDatagram::kPing, lost_at, 4000)) << "pings did not resume";
-    Phone::Listen(*phone.socket, 300);
-    EXPECT_EQ(Phone::Listen(*phone.socket, 500), 0u) << "forwarding went on after the loss";
+    // The phone falls silent: lost within two seconds (slack for a busy machine), forwarding stops, and
+    // pings and acks resume.
+    rig.talking = false;
+    int64_t silent_from = NowMsSteady();
+    ASSERT_TRUE(rig.RunUntil(4000, logged("DJI MIMO connection lost\n"))) << daemon.Stderr();
+    EXPECT_GE(NowMsSteady() - silent_from, 800) << "lost before a second of silence";
+    uint16_t lost = rig.sequence;
+    EXPECT_TRUE(rig.RunUntil(4000, [&] { return Rig::Answering(rig.pings, lost, lost + 1000) > 0; }));
+    EXPECT_TRUE(rig.RunUntil(3000, [&] { return Rig::Answering(rig.acks, lost, lost + 1000) > 0; }));
+    rig.RunFor(300);
+    rig.ClearPhoneCounts();
+    rig.RunFor(500);
+    EXPECT_EQ(rig.PhoneGot(), 0u) << "forwarding went on after the loss";
     EXPECT_EQ(daemon.WaitExit(0), -1) << "the daemon ended:\n" << daemon.Stderr();
 
     // A second start inserts the same rule again.
     daemon.Kill();
     ChildProcess second;
-    ASSERT_TRUE(network.StartDaemon(&second));
-    EXPECT_TRUE(network.WaitForRules(2, 20000)) << second.Stderr();
-    rules = network.Rules();
-    ASSERT_EQ(rules.size(), 2u);
-    EXPECT_EQ(rules[0], rules[1]);
-    ExpectRuleForTheCamera(rules[0]);
+    ASSERT_TRUE(second.Start(command[0], arguments));
+    EXPECT_TRUE(rig.RunUntil(20000, [&] { return Rules(&board, iptables).size() >= 2; })) << second.Stderr();
+    EXPECT_EQ(Rules(&board, iptables), (std::vector<std::string>{kRule, kRule}));
+    second.Kill();
 }
 
-namespace {
-
-// REDIRECT rules in the test's own namespace (where the fallback cases run
-// the daemon); a kernel without NAT lists none either.
-size_t RedirectRulesHere()
-{
-    std::string listing;
-    RunProgram({"iptables", "-t", "nat", "-S", "PREROUTING"}, &listing);
-    size_t count = 0;
-    for (size_t at = listing.find("-j REDIRECT"); at != std::string::npos; at = listing.find("-j REDIRECT", at + 1))
-        ++count;
-    return count;
-}
-
-// The real user id of a running process, from /proc.
-std::string DaemonUid(pid_t pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("Uid:", 0) == 0) {
-            std::stringstream fields(line.substr(4));
-            std::string uid;
-            fields >> uid;
-            return uid;
-        }
-    return "?";
-}
-
-// Shared-memory objects left by earlier daemons of this test process (their
-// private /dev/shm) belong to root; a daemon without privilege could not open
-// them and would end at start-up.
-void ClearPrivateSharedMemory()
-{
-    DIR* folder = opendir("/dev/shm");
-    if (folder == nullptr)
-        return;
-    while (struct dirent* entry = readdir(folder))
-        if (entry->d_name[0] != '.')
-            unlinkat(dirfd(folder), entry->d_name, 0);
-    closedir(folder);
-}
-
-struct FallbackCase {
-    const char* name;
-    bool privileged;
-    const char* ap_iface_file;  // null: no file
-};
-
-}  // namespace
-
-// Without privilege, or without an access-point name, the rule cannot be
-// made; the daemon goes on with its bridge port open, and a phone that
-// reaches that port directly is bridged as usual.
-TEST(BridgeFallback, NoRuleButTheBridgePortOpensAndTheDaemonGoesOn)
+// Without privilege, without an access-point name, or with port 9004 taken, no phone traffic can come
+// through a rule; the daemon goes on, and where its bridge port opened a phone reaching it directly is
+// bridged as usual. The unprivileged case runs first, before root daemons leave root-owned shared memory.
+TEST(BridgeFallback, NoRuleTheDaemonGoesOn)
 {
     REQUIRE_ISOLATION();
-    const FallbackCase cases[] = {
-        {"unprivileged", false, "ap0\n"},
-        {"no access-point file", true, nullptr},
-        {"empty access-point file", true, ""},
-    };
-    for (const FallbackCase& with : cases) {
+    struct {
+        const char* name;
+        bool privileged, port_taken;
+        const char* ap_iface_file;  // null: no file
+    } const cases[] = {{"unprivileged", false, false, "ap0\n"},
+                       {"no access-point file", true, false, nullptr},
+                       {"empty access-point file", true, false, ""},
+                       {"port 9004 taken", true, true, "ap0\n"}};
+    for (const auto& with : cases) {
         SCOPED_TRACE(with.name);
-        ClearPrivateSharedMemory();
-        unlink("/run/tarnwickrelay/ap.iface");
-        if (with.ap_iface_file != nullptr)
-            WriteApInterfaceFile(with.ap_iface_file);
-
-        StreamingCamera camera(nullptr, "127.0.0.1", 0);
-        ASSERT_TRUE(camera.ok());
-        std::vector<std::string> arguments = {"--host", "127.0.0.1", "--port", std::to_string(camera.port())};
-        std::string program = DaemonPath();
-        if (!with.privileged) {
-            arguments.insert(arguments.begin(),
-                             {"--reuid=65534", "--regid=65534", "--clear-groups", "--", DaemonPath()});
-            program = FindProgram("setpriv");
-            ASSERT_FALSE(program.empty()) << "setpriv is missing";
-        }
+        WriteApInterfaceFile(with.ap_iface_file);
+        std::unique_ptr<UdpPeer> holder(with.port_taken ? new UdpPeer("0.0.0.0", kMimoBridgePort) : nullptr);
+        Rig rig(std::unique_ptr<UdpPeer>(new UdpPeer()), std::unique_ptr<UdpPeer>(new UdpPeer()), "127.0.0.1",
+                "127.0.0.1", kMimoBridgePort);
+        std::vector<std::string> arguments = {"--host", "127.0.0.1", "--port", std::to_string(rig.camera->port())};
+        if (!with.privileged)
+            arguments.insert(arguments.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", "--", DaemonPath()});
         ChildProcess daemon;
-        ASSERT_TRUE(daemon.Start(program, arguments));
-        ASSERT_TRUE(daemon.WaitForStderr("Camera connection found\n", 20000)) << daemon.Stderr();
-        EXPECT_EQ(DaemonUid(daemon.pid()), with.privileged ? "0" : "65534");
-
-        // The phone reaches the bridge port directly, as the rule would have let it.
+        ASSERT_TRUE(daemon.Start(with.privileged ? DaemonPath() : FindProgram("setpriv"), arguments));
+        ASSERT_TRUE(rig.RunUntil(20000, [&] { return daemon.Stderr().find("Camera connection found\n") != std::string::npos; }))
+            << daemon.Stderr();
+        rig.talking = true;
+        size_t pings = rig.pings.size();
         // The bridge port opens last: talk until the first answer.
-        Phone phone(nullptr, "127.0.0.1", "127.0.0.1", kMimoBridgePort);
-        std::pair<size_t, size_t> arrived = phone.Talk(10000, 1);
-        ASSERT_EQ(arrived.first + arrived.second, 1u) << "camera datagrams forwarded to the phone";
-        EXPECT_TRUE(daemon.WaitForStderr("DJI MIMO connection found\n", 1000)) << daemon.Stderr();
-        int64_t talk_start = SteadyMs();
-        uint32_t sent_before = phone.sent;
-        arrived = phone.Talk(10000, 10);
-        EXPECT_EQ(arrived.first + arrived.second, 10u) << "camera datagrams forwarded to the phone";
-        EXPECT_GE(camera.WaitForPhoneDatagrams(talk_start, phone.sent - sent_before, 5000), phone.sent - sent_before)
-            << "phone datagrams passed to the camera";
-        EXPECT_EQ(RedirectRulesHere(), 0u);
-        EXPECT_TRUE(daemon.WaitForStderr("DJI MIMO connection lost\n", 5000)) << daemon.Stderr();
+        EXPECT_EQ(rig.RunUntil(with.port_taken ? 2500 : 10000, [&] { return rig.PhoneGot() >= 10; }), !with.port_taken);
+        EXPECT_EQ(rig.to_phone[0], 0u);
+        EXPECT_EQ(rig.phone_at_camera > 0, !with.port_taken);
+        EXPECT_TRUE(!with.port_taken || (rig.pings.size() > pings && rig.acks.size() > 10))
+            << "without a bridge the daemon keeps the camera alive itself";
+        EXPECT_EQ(Rules(nullptr, "iptables").size(), with.port_taken ? 1u : 0u);  // made before the port is bound
+        rig.talking = false;
+        EXPECT_EQ(rig.RunUntil(4000, [&] { return daemon.Stderr().find("DJI MIMO connection lost\n") != std::string::npos; }),
+                  !with.port_taken) << daemon.Stderr();
         EXPECT_EQ(daemon.WaitExit(500), -1) << "the daemon ended:\n" << daemon.Stderr();
     }
-}
-
-// With port 9004 taken the daemon runs without a bridge and keeps the
-// camera alive itself, whatever arrives on that port.
-TEST(BridgeFallback, PortTakenTheDaemonRunsWithoutABridge)
-{
-    REQUIRE_ISOLATION();
-    NamespaceUdpSocket holder(nullptr, "0.0.0.0", kMimoBridgePort);
-    ASSERT_TRUE(holder.ok());
-    StreamingCamera camera(nullptr, "127.0.0.1", 0);
-    ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start(DaemonPath(), {"--host", "127.0.0.1", "--port", std::to_string(camera.port()),
-                                            "--verbose"}));
-    ASSERT_TRUE(daemon.WaitForStderr("Init data bridge server for DJI MIMO", 20000)) << daemon.Stderr();
-    Phone phone(nullptr, "127.0.0.1", "127.0.0.1", kMimoBridgePort);
-    int64_t start = SteadyMs();
-    std::pair<size_t, size_t> arrived = phone.Talk(2500);
-    EXPECT_EQ(arrived.first + arrived.second, 0u);
-    EXPECT_TRUE(camera.WaitFor(DaemonDatagram::kPing, start, 5000));
-    EXPECT_TRUE(camera.WaitFor(DaemonDatagram::kVideoAck, start, 5000, 10));
-    EXPECT_EQ(daemon.Stderr().find("DJI MIMO connection"), std::string::npos) << daemon.Stderr();
-    EXPECT_EQ(daemon.WaitExit(0), -1) << "the daemon ended:\n" << daemon.Stderr();
 }
