@@ -69,22 +69,16 @@ TEST_F(StatusToolsTest, SimulatorModelShowsAndFollowsSetLines)
                              "iso_set=auto,", "battery_level=87,", "histogram=1,", "wb_temp=5600,"})
         EXPECT_NE(line.find(item), std::string::npos) << item << " in " << line;
 
-    simulator.WriteLine("set iso_set 400");
-    simulator.WriteLine("set battery 57");
-    simulator.WriteLine("set format 1920x1080@120");
-    simulator.WriteLine("set shutter_set 1/8000");
-    simulator.WriteLine("set antiflicker 60 Hz");
-    simulator.WriteLine("set recording 1");
-    simulator.WriteLine("set iso_set 12345");
-    simulator.WriteLine("set no_such_key 1");
+    for (const char* line : {"set iso_set 400", "set battery 57", "set format 1920x1080@120", "set shutter_set 1/8000",
+                             "set antiflicker 60 Hz", "set recording 1", "set iso_set 12345", "set no_such_key 1"})
+        simulator.WriteLine(line);
     line = StatusLineWith(main_app, "iso_set=400,", 4000);
     ASSERT_FALSE(line.empty()) << simulator.Stdout();
     for (const char* item : {"battery_level=57,", "format=1920x1080@120,", "shutter_set=1/8000,",
                              "antiflicker=60 Hz,"})
         EXPECT_NE(line.find(item), std::string::npos) << item << " in " << line;
-    EXPECT_TRUE(simulator.WaitForStdout("bad setting: set iso_set 12345\n", 1000));
-    EXPECT_TRUE(simulator.WaitForStdout("bad setting: set no_such_key 1\n", 1000));
-
+    EXPECT_TRUE(simulator.WaitForStdout("bad setting: set iso_set 12345\n", 1000) &&
+                simulator.WaitForStdout("bad setting: set no_such_key 1\n", 1000));
     // Recording: the notice turns, and the recording time counts.
     std::string notice;
     for (int i = 0; i < 10 && notice != "rec_active"; ++i) {
@@ -113,9 +107,8 @@ TEST_F(StatusToolsTest, MonitorPrintsTheStatusDecoded)
     ASSERT_TRUE(monitor.Start(ToolPath("monitor"), {}));
     ASSERT_TRUE(monitor.WaitForStdout("monitor on 127.0.0.1:5000, notices on 5255", 5000));
     StartDaemon();
-    simulator.WriteLine("set gimbal_sweep 0");
-    simulator.WriteLine("set attitude 100 -200 30");
-    simulator.WriteLine("set camera_mode photo");
+    for (const char* line : {"set gimbal_sweep 0", "set attitude 100 -200 30", "set camera_mode photo"})
+        simulator.WriteLine(line);
     ASSERT_TRUE(monitor.WaitForStdout(Field("camera_mode", "photo"), 8000)) << monitor.Stdout();
     for (const std::string& text : {Field("camera_model", "DJI Pocket 2"), Field("pl_time", ""),
                              std::string("state: gimbal lock|mode 1, attitude 100 -200 30 (tenths of a degree)\n"),
@@ -123,7 +116,6 @@ TEST_F(StatusToolsTest, MonitorPrintsTheStatusDecoded)
                              std::string("notice: rec_inactive\n")})
         EXPECT_TRUE(monitor.WaitForStdout(text, 3000)) << text << "\n" << monitor.Stdout();
     EXPECT_EQ(monitor.Stdout().find("wrong length"), std::string::npos);
-    EXPECT_EQ(monitor.Stdout().find("unknown datagram"), std::string::npos);
 }
 
 TEST(StatusMonitor, ShowsWhatItCannotDecode)
@@ -139,12 +131,11 @@ TEST(StatusMonitor, ShowsWhatItCannotDecode)
     sender.SendTo(5400, cut_line.data(), cut_line.size());
     sender.SendTo(5400, Bytes(11, 6));  // kind 6: no such message
     EXPECT_EQ(monitor.WaitExit(5000), 0);
-    std::string out = monitor.Stdout();
-    EXPECT_NE(out.find("state message of a wrong length, 4 bytes: 06 00 01 02\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("unknown datagram, 2 bytes: 09 09\n"), std::string::npos) << out;
-    EXPECT_NE(out.find(Field("a", "1") + Field("b", "") + "  (last item without its comma)\n"), std::string::npos)
-        << out;
-    EXPECT_NE(out.find("unknown datagram, 11 bytes: 06 06"), std::string::npos) << out;
+    for (const std::string& text : {std::string("state message of a wrong length, 4 bytes: 06 00 01 02\n"),
+                                    std::string("unknown datagram, 2 bytes: 09 09\n"),
+                                    Field("a", "1") + Field("b", "") + "  (last item without its comma)\n",
+                                    std::string("unknown datagram, 11 bytes: 06 06")})
+        EXPECT_NE(monitor.Stdout().find(text), std::string::npos) << text << monitor.Stdout();
 }
 
 }  // namespace
