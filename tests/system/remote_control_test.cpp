@@ -17,9 +17,25 @@
 #include "support/child_process.h"
 #include "support/command_peers.h"
 #include "support/isolation.h"
-#include "support/rc_writer.h"
 
 namespace {
+
+// The writer tool in its standard-input mode: each line of commands is carried out before the tool
+// answers "ok N", so the record holds what was written once Do returns. A "press" lasts 200 ms.
+class RcWriter {
+public:
+    bool Start() { return tool_.Start(ToolPath("rcwriter"), {"--name=/shared_rc_raw", "--press-ms=200", "-"}); }
+    bool Do(const std::string& line)
+    {
+        tool_.WriteLine(line);
+        return tool_.WaitForStdout("ok " + std::to_string(++lines_) + "\n", 5000);
+    }
+    ChildProcess& process() { return tool_; }
+
+private:
+    ChildProcess tool_;
+    unsigned lines_ = 0;
+};
 
 constexpr const char* kObjectPath = "/dev/shm/shared_rc_raw";
 constexpr int kFirstFrameMs = 4000;   // covers the 1 s cycle before a movement mode is chosen
