@@ -138,20 +138,14 @@ TEST_F(CameraCommandsTest, GimbalPositionFollowsTheReportedFacing)
         {Cmd("position", "selfie"), {kNext}, kSelfieLog + "Gimbal set next position\n"},
         {Cmd("position", "Normal"), {}, ""},
     });
-    // Flipped exactly for -2299 .. -1301.
-    for (int16_t angle : {-1800, -2299, -1301}) {
+    // Flipped exactly for -2299 .. -1301: the boundaries either side.
+    for (int16_t angle : {-2299, -1301, -2300, -1300}) {
+        bool flipped = angle > -2300 && angle < -1300;
         ReportAttitude(angle);
-        Check({
-            {Cmd("position", "normal"), {kNext}, kNormalLog + "Gimbal set next position\n"},
-            {Cmd("position", "selfie"), {kCentre}, kSelfieLog + "Gimbal set center position\n"},
-        });
-    }
-    for (int16_t angle : {-2300, -1300, 1800}) {
-        ReportAttitude(angle);
-        Check({
-            {Cmd("position", "normal"), {kCentre}, kNormalLog + "Gimbal set center position\n"},
-            {Cmd("position", "selfie"), {kNext}, kSelfieLog + "Gimbal set next position\n"},
-        });
+        Check({{Cmd("position", "normal"), {flipped ? kNext : kCentre},
+                kNormalLog + (flipped ? "Gimbal set next position\n" : "Gimbal set center position\n")},
+               {Cmd("position", "selfie"), {flipped ? kCentre : kNext},
+                kSelfieLog + (flipped ? "Gimbal set center position\n" : "Gimbal set next position\n")}});
     }
 }
 
