@@ -3,11 +3,11 @@
 // monitor, standing where the main application stands, prints it decoded.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
 #include <string>
 
 #include "support/child_process.h"
+#include "support/command_peers.h"
 #include "support/fake_camera.h"
 #include "support/isolation.h"
 #include "support/udp_peer.h"
@@ -15,23 +15,8 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using Clock = std::chrono::steady_clock;
 
 constexpr const char* kSimulatorPort = "19004";
-
-std::string StatusLineWith(UdpPeer& main_app, const std::string& needle, int timeout_ms)
-{
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (Clock::now() < deadline) {
-        Bytes datagram = main_app.Receive(200);
-        if (!datagram.empty() && datagram[0] == 7) {
-            std::string text(datagram.begin() + 1, datagram.end());
-            if (text.find(needle) != std::string::npos)
-                return text;
-        }
-    }
-    return {};
-}
 
 // A status item as the monitor prints it.
 std::string Field(const char* key, const char* value)
@@ -60,10 +45,10 @@ protected:
 
 TEST_F(StatusToolsTest, SimulatorModelShowsAndFollowsSetLines)
 {
-    UdpPeer main_app(5000);
+    MainAppPeer main_app(5000);
     UdpPeer notices(5255);
     StartDaemon();
-    std::string line = StatusLineWith(main_app, "camera_detected=1", 8000);
+    std::string line = main_app.StatusLineWith("camera_detected=1", 8000);
     ASSERT_FALSE(line.empty()) << daemon.Stderr() << simulator.Stdout();
     for (const char* item : {"camera_model=DJI Pocket 2,", "camera_mode=video,", "format=3840x2160@30,",
                              "iso_set=auto,", "battery_level=87,", "histogram=1,", "wb_temp=5600,"})
@@ -72,7 +57,7 @@ TEST_F(StatusToolsTest, SimulatorModelShowsAndFollowsSetLines)
     for (const char* line : {"set iso_set 400", "set battery 57", "set format 1920x1080@120", "set shutter_set 1/8000",
                              "set antiflicker 60 Hz", "set recording 1", "set iso_set 12345", "set no_such_key 1"})
         simulator.WriteLine(line);
-    line = StatusLineWith(main_app, "iso_set=400,", 4000);
+    line = main_app.StatusLineWith("iso_set=400,", 4000);
     ASSERT_FALSE(line.empty()) << simulator.Stdout();
     for (const char* item : {"battery_level=57,", "format=1920x1080@120,", "shutter_set=1/8000,",
                              "antiflicker=60 Hz,"})
@@ -86,18 +71,12 @@ TEST_F(StatusToolsTest, SimulatorModelShowsAndFollowsSetLines)
         notice.assign(datagram.begin(), datagram.end());
     }
     EXPECT_EQ(notice, "rec_active");
-    EXPECT_FALSE(StatusLineWith(main_app, "rec_time=00:00:02,", 5000).empty());
+    EXPECT_FALSE(main_app.StatusLineWith("rec_time=00:00:02,", 5000).empty());
 
     // Every binary kind arrives: state, histogram, and tracking once set.
     simulator.WriteLine("set tracking 0.5 0.5 0.2 0.2");
-    bool kinds[3] = {false, false, false};
-    auto deadline = Clock::now() + std::chrono::seconds(3);
-    while (!(kinds[0] && kinds[1] && kinds[2]) && Clock::now() < deadline) {
-        Bytes datagram = main_app.Receive(200);
-        if (datagram.size() >= 2 && datagram[0] == 6 && datagram[1] < 3)
-            kinds[datagram[1]] = true;
-    }
-    EXPECT_TRUE(kinds[0] && kinds[1] && kinds[2]);
+    for (uint8_t kind : {0, 1, 2})
+        EXPECT_FALSE(main_app.Binary(kind, 3000).empty()) << int(kind);
     EXPECT_EQ(daemon.Stderr().find("Restore tracking"), std::string::npos);
 }
 
