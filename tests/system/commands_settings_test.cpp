@@ -133,28 +133,21 @@ TEST_F(SettingCommandsTest, EveryExposureCompensation)
 
 TEST_F(SettingCommandsTest, WhiteBalanceModesAndTemperatures)
 {
-    auto wb = [](const char* mode) { return Json({{"cmd", "wb"}, {"param", mode}}); };
-    auto custom = [](const char* kelvin) { return Json({{"cmd", "wb"}, {"param", "custom"}, {"value", kelvin}}); };
+    const char* wb = "Camera set WB";
+    // Custom: (K - 2000) / 100 + 20, low 8 bits; 1900 K or less is logged, not sent.
+    auto custom = [](const char* kelvin, const char* payload) {
+        Case c = Word("wb", "custom", 0x2c, payload, "Camera set WB");
+        c.json = Json({{"cmd", "wb"}, {"param", "custom"}, {"value", kelvin}});
+        c.log += std::string("Camera set WB temperature ") + kelvin + "\n";
+        return c;
+    };
     Check({
-        {wb("auto"), {F(0x02, 0x2c, "00 44")}, "Camera set WB auto\n"},
-        {wb("sunny"), {F(0x02, 0x2c, "01 30")}, "Camera set WB sunny\n"},
-        {wb("cloudy"), {F(0x02, 0x2c, "02 40")}, "Camera set WB cloudy\n"},
-        {wb("incandescent"), {F(0x02, 0x2c, "04 44")}, "Camera set WB incandescent\n"},
-        {wb("neon"), {F(0x02, 0x2c, "05 19")}, "Camera set WB neon\n"},
-        {Json({{"cmd", "wb"}, {"param", "sunny"}, {"value", "6500"}}), {F(0x02, 0x2c, "01 30")},
-         "Camera set WB sunny\n"},
-        {custom("6500"), {F(0x02, 0x2c, "06 41")}, "Camera set WB custom\nCamera set WB temperature 6500\n"},
-        {custom("5600"), {F(0x02, 0x2c, "06 38")}, "Camera set WB custom\nCamera set WB temperature 5600\n"},
-        {custom("10000"), {F(0x02, 0x2c, "06 64")}, "Camera set WB custom\nCamera set WB temperature 10000\n"},
-        {custom("1901"), {F(0x02, 0x2c, "06 14")}, "Camera set WB custom\nCamera set WB temperature 1901\n"},
-        {custom("2099"), {F(0x02, 0x2c, "06 14")}, "Camera set WB custom\nCamera set WB temperature 2099\n"},
-        {custom("25700"), {F(0x02, 0x2c, "06 01")}, "Camera set WB custom\nCamera set WB temperature 25700\n"},
-        {custom("1900"), {}, "Camera set WB custom\nCamera set WB temperature 1900\n"},
-        {custom("1800"), {}, "Camera set WB custom\nCamera set WB temperature 1800\n"},
-        {custom("warm"), {}, "Camera set WB custom\nCamera set WB temperature warm\n"},
-        {wb("custom"), {}, "Camera set WB custom\n"},
-        {wb("Sunny"), {}, "Camera set WB Sunny\n"},
-        {wb("fluorescent"), {}, "Camera set WB fluorescent\n"},
+        Word("wb", "auto", 0x2c, "00 44", wb), Word("wb", "sunny", 0x2c, "01 30", wb), Word("wb", "cloudy", 0x2c, "02 40", wb),
+        Word("wb", "incandescent", 0x2c, "04 44", wb), Word("wb", "neon", 0x2c, "05 19", wb),
+        {Json({{"cmd", "wb"}, {"param", "sunny"}, {"value", "6500"}}), {F(0x02, 0x2c, "01 30")}, "Camera set WB sunny\n"},
+        custom("6500", "06 41"), custom("5600", "06 38"), custom("10000", "06 64"), custom("1901", "06 14"),
+        custom("2099", "06 14"), custom("25700", "06 01"), custom("1900", ""), custom("1800", ""), custom("warm", ""),
+        Word("wb", "custom", 0x2c, "", wb), Word("wb", "Sunny", 0x2c, "", wb), Word("wb", "fluorescent", 0x2c, "", wb),
     });
 }
 
