@@ -121,7 +121,6 @@ bool AddVethPair(const NetworkNamespace& a, const std::string& name_a, const std
 
 std::string IptablesWithNat(const NetworkNamespace& ns, std::string* why)
 {
-    why->clear();
     for (const char* program : {"iptables", "iptables-legacy"}) {
         std::vector<std::string> rule = {program, "-t", "nat", "-A", "PREROUTING", "-i", "probe0", "-j", "RETURN"};
         std::string output;

@@ -15,6 +15,7 @@
 #include <functional>
 #include <sstream>
 
+#include "app/files.h"
 #include "bridge/mimo_bridge.h"
 #include "camera/camera_side.h"
 #include "camera/frame.h"
@@ -82,18 +83,20 @@ struct Rig {
             uint8_t built[kPingDatagramSize];
             uint16_t rx = got.size() >= kCommandRxOffset + 2 ? ReadLe16(got.data() + kCommandRxOffset) : 0;
             connects += got.size() == kConnectRequestSize && memcmp(got.data(), kConnectRequest, got.size()) == 0;
-            if (got.size() == kPingDatagramSize) {
+            std::vector<uint16_t>* answers =
+                got.size() == kPingDatagramSize ? &pings : got.size() == kAckDatagramSize ? &acks : nullptr;
+            if (answers == &pings)
                 BuildPingDatagram(built, rx, ReadLe16(got.data() + kCommandHeaderSize + kFrameSequenceOffset));
-                if (memcmp(built, got.data(), got.size()) == 0)
-                    pings.push_back(rx);
-            }
-            if (got.size() == kAckDatagramSize && (BuildAckDatagram(built, rx), memcmp(built, got.data(), got.size())) == 0)
-                acks.push_back(rx);
+            else
+                BuildAckDatagram(built, rx);
+            if (answers != nullptr && memcmp(built, got.data(), got.size()) == 0)
+                answers->push_back(rx);
             phone_at_camera += got == PhoneDatagram(got.back());
         }
         for (std::vector<uint8_t> got; !(got = phone->Receive(0, &from_port, &from_host)).empty();) {
             uint8_t type = got.size() > kTransportTypeOffset ? got[kTransportTypeOffset] : 0;
-            bool intact = (type == 1 || type == 2) && got == CameraDatagram(type, ReadLe16(got.data() + kReceivedSequenceOffset));
+            bool intact = (type == kTransportDataStream || type == kTransportLiveVideo) &&
+                          got == CameraDatagram(type, ReadLe16(got.data() + kReceivedSequenceOffset));
             to_phone[intact && from_host == camera_host && from_port == camera_port ? type : 0]++;
         }
         int64_t now = NowMsSteady();
@@ -141,14 +144,17 @@ std::vector<std::string> Rules(const NetworkNamespace* ns, const std::string& ip
     return rules;
 }
 
-void WriteApInterfaceFile(const char* text)
+void WriteApInterfaceFile(const char* text)  // null: no file
 {
     mkdir("/run/tarnwickrelay", 0755);
-    unlink("/run/tarnwickrelay/ap.iface");
-    if (FILE* file = text != nullptr ? fopen("/run/tarnwickrelay/ap.iface", "w") : nullptr) {
-        fputs(text, file);
-        fclose(file);
-    }
+    unlink(kApIfacePath);
+    if (text != nullptr)
+        WriteTextFile(kApIfacePath, text);
+}
+
+std::function<bool()> Logged(ChildProcess& daemon, const char* text)
+{
+    return [&daemon, text] { return daemon.Stderr().find(text) != std::string::npos; };
 }
 
 }  // namespace
@@ -181,9 +187,8 @@ TEST(BridgeNat, PhoneReachesTheCameraThroughTheBoardsNatRule)
     std::vector<std::string> arguments(command.begin() + 1, command.end());
     ChildProcess daemon;
     ASSERT_TRUE(daemon.Start(command[0], arguments));
-    auto logged = [&daemon](const char* text) { return [&daemon, text] { return daemon.Stderr().find(text) != std::string::npos; }; };
     // Generous waits throughout: sanitizer builds on a busy machine start slowly.
-    ASSERT_TRUE(rig.RunUntil(20000, logged("Camera connection found\n"))) << daemon.Stderr();
+    ASSERT_TRUE(rig.RunUntil(20000, Logged(daemon, "Camera connection found\n"))) << daemon.Stderr();
     ASSERT_TRUE(rig.RunUntil(10000, [&] { return !Rules(&board, iptables).empty(); })) << daemon.Stderr();
     EXPECT_EQ(Rules(&board, iptables), std::vector<std::string>{kRule});
 
@@ -198,7 +203,7 @@ TEST(BridgeNat, PhoneReachesTheCameraThroughTheBoardsNatRule)
     // phone's; the daemon's own pings and acks stop for every camera datagram it holds meanwhile.
     rig.talking = true;
     ASSERT_TRUE(rig.RunUntil(10000, [&] { return rig.PhoneGot() > 0; })) << "no answer:\n" << daemon.Stderr();
-    ASSERT_TRUE(rig.RunUntil(1000, logged("DJI MIMO connection found\n"))) << daemon.Stderr();
+    ASSERT_TRUE(rig.RunUntil(1000, Logged(daemon, "DJI MIMO connection found\n"))) << daemon.Stderr();
     rig.ClearPhoneCounts();
     // The flag is up before the line is written: every camera datagram from now on meets it.
     size_t sent_before = rig.phone_sent, at_camera_before = rig.phone_at_camera, connects = rig.connects;
@@ -227,13 +232,13 @@ TEST(BridgeNat, PhoneReachesTheCameraThroughTheBoardsNatRule)
     rig.RunFor(1000);
     EXPECT_GT(rig.to_phone[1] + rig.to_phone[2], 5u);
     EXPECT_TRUE(old_phone->Receive(0).empty()) << "datagrams still went to the old port";
-    EXPECT_FALSE(logged("DJI MIMO connection lost\n")()) << daemon.Stderr();
+    EXPECT_FALSE(Logged(daemon, "DJI MIMO connection lost\n")()) << daemon.Stderr();
 
     // The phone falls silent: lost within two seconds (slack for a busy machine), forwarding stops, and
     // pings and acks resume.
     rig.talking = false;
     int64_t silent_from = NowMsSteady();
-    ASSERT_TRUE(rig.RunUntil(4000, logged("DJI MIMO connection lost\n"))) << daemon.Stderr();
+    ASSERT_TRUE(rig.RunUntil(4000, Logged(daemon, "DJI MIMO connection lost\n"))) << daemon.Stderr();
     EXPECT_GE(NowMsSteady() - silent_from, 800) << "lost before a second of silence";
     uint16_t lost = rig.sequence;
     EXPECT_TRUE(rig.RunUntil(4000, [&] { return Rig::Answering(rig.pings, lost, lost + 1000) > 0; }));
@@ -269,29 +274,29 @@ TEST(BridgeFallback, NoRuleTheDaemonGoesOn)
                        {"port 9004 taken", true, true, "ap0\n"}};
     for (const auto& with : cases) {
         SCOPED_TRACE(with.name);
+        bool bridged = !with.port_taken;
         WriteApInterfaceFile(with.ap_iface_file);
         std::unique_ptr<UdpPeer> holder(with.port_taken ? new UdpPeer("0.0.0.0", kMimoBridgePort) : nullptr);
         Rig rig(std::unique_ptr<UdpPeer>(new UdpPeer()), std::unique_ptr<UdpPeer>(new UdpPeer()), "127.0.0.1",
                 "127.0.0.1", kMimoBridgePort);
         std::vector<std::string> arguments = {"--host", "127.0.0.1", "--port", std::to_string(rig.camera->port())};
         if (!with.privileged)
-            arguments.insert(arguments.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", "--", DaemonPath()});
+            arguments.insert(arguments.begin(),
+                             {"--reuid=65534", "--regid=65534", "--clear-groups", "--", DaemonPath()});
         ChildProcess daemon;
         ASSERT_TRUE(daemon.Start(with.privileged ? DaemonPath() : FindProgram("setpriv"), arguments));
-        ASSERT_TRUE(rig.RunUntil(20000, [&] { return daemon.Stderr().find("Camera connection found\n") != std::string::npos; }))
-            << daemon.Stderr();
+        ASSERT_TRUE(rig.RunUntil(20000, Logged(daemon, "Camera connection found\n"))) << daemon.Stderr();
         rig.talking = true;
-        size_t pings = rig.pings.size();
-        // The bridge port opens last: talk until the first answer.
-        EXPECT_EQ(rig.RunUntil(with.port_taken ? 2500 : 10000, [&] { return rig.PhoneGot() >= 10; }), !with.port_taken);
+        size_t pings = rig.pings.size(), acks = rig.acks.size();
+        // The bridge port opens last: talk until ten answers.
+        EXPECT_EQ(rig.RunUntil(bridged ? 10000 : 2500, [&] { return rig.PhoneGot() >= 10; }), bridged);
         EXPECT_EQ(rig.to_phone[0], 0u);
-        EXPECT_EQ(rig.phone_at_camera > 0, !with.port_taken);
-        EXPECT_TRUE(!with.port_taken || (rig.pings.size() > pings && rig.acks.size() > 10))
+        EXPECT_EQ(rig.phone_at_camera > 0, bridged);
+        EXPECT_TRUE(bridged || (rig.pings.size() > pings && rig.acks.size() > acks + 10))
             << "without a bridge the daemon keeps the camera alive itself";
-        EXPECT_EQ(Rules(nullptr, "iptables").size(), with.port_taken ? 1u : 0u);  // made before the port is bound
+        EXPECT_EQ(Rules(nullptr, "iptables").size(), bridged ? 0u : 1u);  // made before the port is bound
         rig.talking = false;
-        EXPECT_EQ(rig.RunUntil(4000, [&] { return daemon.Stderr().find("DJI MIMO connection lost\n") != std::string::npos; }),
-                  !with.port_taken) << daemon.Stderr();
+        EXPECT_EQ(rig.RunUntil(4000, Logged(daemon, "DJI MIMO connection lost\n")), bridged) << daemon.Stderr();
         EXPECT_EQ(daemon.WaitExit(500), -1) << "the daemon ended:\n" << daemon.Stderr();
     }
 }
