@@ -168,6 +168,7 @@ TEST(BridgeNat, PhoneReachesTheCameraThroughTheBoardsNatRule)
                 AddVethPair(board, "wl0", "192.168.2.2/24", camera_ns, "cam0", "192.168.2.1/24", &error) &&
                 phone_ns.Run({"ip", "route", "add", "default", "via", "192.168.3.1"}, &error) == 0)
         << error;
+    ASSERT_FALSE(FindProgram("iptables").empty()) << "iptables is missing: scripts/setup.sh installs it";
     std::string iptables = IptablesWithNat(board, &why);
     if (iptables.empty())
         GTEST_SKIP() << "the kernel offers no NAT table to iptables here, so no REDIRECT rule can work:\n" << why;
