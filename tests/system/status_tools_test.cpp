@@ -71,7 +71,7 @@ TEST_F(StatusToolsTest, SimulatorModelShowsAndFollowsSetLines)
         notice.assign(datagram.begin(), datagram.end());
     }
     EXPECT_EQ(notice, "rec_active");
-    EXPECT_FALSE(main_app.StatusLineWith("rec_time=00:00:02,", 5000).empty());
+    EXPECT_FALSE(main_app.StatusLineWith("rec_time=00:00:02,", 8000).empty());
 
     // Every binary kind arrives: state, histogram, and tracking once set.
     simulator.WriteLine("set tracking 0.5 0.5 0.2 0.2");
