@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bridge/mimo_bridge.h"
 #include "camera/crc.h"
 #include "camera/frame.h"
 #include "camera/reassembly.h"
@@ -174,7 +175,9 @@ Bytes MainAppPeer::Binary(uint8_t kind, int timeout_ms, const std::function<bool
 bool CommandRig::Start()
 {
     return daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"--dst-host", "127.0.0.1", "--dst-port", std::to_string(app.port())})) &&
-           camera.Connect(8000) && app.LearnCommandPort(8000);
+           camera.Connect(8000) && app.LearnCommandPort(8000) &&
+           // iptables' own diagnostics must not fall among a command's log lines.
+           WaitUntilPortTaken(kMimoBridgePort, 8000);
 }
 
 CommandEffect CommandRig::Send(const std::string& json)

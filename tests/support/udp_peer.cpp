@@ -89,3 +89,20 @@ void UdpPeer::SetReceiveBuffer(int bytes)
     if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
         setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
 }
+
+bool WaitUntilPortTaken(uint16_t port, int timeout_ms)
+{
+    for (int waited = 0; waited <= timeout_ms; waited += 20) {
+        int probe = socket(AF_INET, SOCK_DGRAM, 0);
+        struct sockaddr_in local = {};
+        local.sin_family = AF_INET;
+        local.sin_addr.s_addr = htonl(INADDR_ANY);
+        local.sin_port = htons(port);
+        bool taken = bind(probe, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0;
+        close(probe);
+        if (taken)
+            return true;
+        usleep(20000);
+    }
+    return false;
+}

@@ -33,3 +33,8 @@ private:
     int fd_ = -1;
     uint16_t port_ = 0;
 };
+
+// Waits until some socket holds UDP `port` on every address (a bind to it
+// fails). The daemon binds its bridge port last in its start-up, so this
+// tells that start-up, with the iptables command it runs, is over.
+bool WaitUntilPortTaken(uint16_t port, int timeout_ms);

@@ -233,8 +233,9 @@ TEST_F(StatusReportTest, JunkAndCorruptFramesChangeNothing)
     }
     // A good frame cut by the end of a block: its rest comes with the next block; neither half is decoded.
     Bytes info = CameraReport(Kind::kCameraInfo, other);
-    Bytes first(kTelemetryBlockThreshold + 1 - 40, 0);
-    first.insert(first.end(), info.begin(), info.begin() + 40);
+    ASSERT_GT(info.size(), 40u);
+    Bytes first(kTelemetryBlockThreshold + 1, 0);
+    std::copy(info.begin(), info.begin() + 40, first.end() - 40);
     camera.SendPayload(first);
     camera.SendReports({Bytes(info.begin() + 40, info.end())});
 
