@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "camera/camera_side.h"
 #include "camera/frame.h"
 #include "support/child_process.h"
 #include "support/fake_camera.h"
@@ -29,41 +28,6 @@ std::string ReadText(const std::string& path)
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
 }
 
-// The stream cut as the camera sends it: every sequence parameter set starts
-// a payload (where the daemon looks for it), and payloads are of mixed sizes
-// up to the 9000 bytes of a jumbo datagram.
-std::vector<Bytes> CutIntoPayloads(const Bytes& stream)
-{
-    static const size_t kSizes[] = {1400, 300, 9000, 1400, 100, 1400};
-    std::vector<size_t> starts;
-    for (size_t i = 0; i < stream.size(); ++i)
-        if (StartsWithSequenceParameterSet(&stream[i], static_cast<uint32_t>(stream.size() - i)))
-            starts.push_back(i);
-    starts.push_back(stream.size());
-    std::vector<Bytes> payloads;
-    size_t turn = 0;
-    for (size_t s = 0; s + 1 < starts.size(); ++s) {
-        for (size_t offset = starts[s]; offset < starts[s + 1];) {
-            size_t length = std::min(kSizes[turn++ % 6], starts[s + 1] - offset);
-            payloads.emplace_back(stream.begin() + offset, stream.begin() + offset + length);
-            offset += length;
-        }
-    }
-    return payloads;
-}
-
-// A video datagram with the 20-byte header, or the 32-byte one marked 00 00 01 ff.
-Bytes VideoDatagram(const Bytes& payload, uint16_t camera_sequence, bool long_header)
-{
-    size_t header = long_header ? kVideoLongHeaderSize : kReceivedHeaderSize;
-    Bytes datagram(header + payload.size());
-    BuildCameraDatagramHeader(datagram.data(), header, datagram.size(), kTransportLiveVideo, camera_sequence);
-    if (long_header)
-        std::copy(kVideoLongHeaderMarker, kVideoLongHeaderMarker + 4, datagram.begin() + kReceivedHeaderSize);
-    std::copy(payload.begin(), payload.end(), datagram.begin() + header);
-    return datagram;
-}
-
 TEST(VideoStreamTest, RealStreamComesOutOfTheRingBitForBitAndDecodes)
 {
     REQUIRE_ISOLATION();
@@ -73,7 +37,16 @@ TEST(VideoStreamTest, RealStreamComesOutOfTheRingBitForBitAndDecodes)
     std::string text = ReadText(std::string(TARNWICK_SOURCE_DIR) + "/tests/fixtures/h264/stream.h264");
     Bytes clip(text.begin(), text.end());
     ASSERT_GT(clip.size(), 10000u);
-    std::vector<Bytes> payloads = CutIntoPayloads(clip);
+    // Cut as the camera sends it: every parameter set starts a payload (where the daemon looks for it),
+    // payloads of mixed sizes up to the 9000 bytes of a jumbo datagram.
+    std::vector<Bytes> payloads;
+    for (size_t begin = 0, turn = 0, end; begin < clip.size(); begin = end) {
+        end = std::min(clip.size(), begin + std::vector<size_t>{1400, 300, 9000, 1400, 100, 1400}[turn++ % 6]);
+        for (size_t i = begin + 1; i < end; ++i)
+            if (StartsWithSequenceParameterSet(&clip[i], static_cast<uint32_t>(clip.size() - i)))
+                end = i;
+        payloads.emplace_back(clip.begin() + begin, clip.begin() + end);
+    }
 
     FakeCamera camera;
     ChildProcess daemon;
@@ -88,8 +61,11 @@ TEST(VideoStreamTest, RealStreamComesOutOfTheRingBitForBitAndDecodes)
     uint16_t sequence = 0x4000;
     for (int loop = 0; loop < kLoops; ++loop) {
         for (const Bytes& payload : payloads) {
-            camera.SendRaw(VideoDatagram(payload, sequence, sequence % 3 == 0));
-            ++sequence;
+            Bytes body = payload;   // every third with the 32-byte header marked 00 00 01 ff
+            if (sequence % 3 == 0)
+                body.insert(body.begin(), kVideoLongHeaderSize - kReceivedHeaderSize, 0);
+            std::copy(kVideoLongHeaderMarker, kVideoLongHeaderMarker + (sequence % 3 == 0 ? 4 : 0), body.begin());
+            camera.Send(kTransportLiveVideo, sequence++, body);
             sent.insert(sent.end(), payload.begin(), payload.end());
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
