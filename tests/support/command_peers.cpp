@@ -1,5 +1,7 @@
 #include "support/command_peers.h"
 
+#include "support/isolation.h"
+
 #include <cctype>
 #include <chrono>
 #include <cstdio>
@@ -231,4 +233,20 @@ std::string JsonCommand(const JsonMembers& members)
         json += "\"";
     }
     return json + "}";
+}
+
+void CommandRigTest::SetUp()
+{
+    REQUIRE_ISOLATION();
+    ASSERT_TRUE(rig.Start()) << rig.daemon.Stderr();
+}
+
+void CommandRigTest::Check(const std::vector<CommandCase>& cases)
+{
+    for (const CommandCase& c : cases) {
+        CommandEffect effect = rig.Send(c.json);
+        ASSERT_TRUE(effect.complete) << c.json << "\n" << rig.daemon.Stderr();
+        EXPECT_EQ(effect.frames, c.frames) << c.json;
+        EXPECT_EQ(effect.log, "JSON commands from app: " + c.json + "\n" + c.log) << c.json;
+    }
 }

@@ -4,6 +4,8 @@
 // main application; and a rig of both around the daemon that shows exactly
 // what one command does. Frames are compared as hex texts with the sequence
 // and CRC16 bytes masked.
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -110,3 +112,21 @@ private:
 // A JSON object of string members, in order, quotes and backslashes escaped.
 using JsonMembers = std::vector<std::pair<std::string, std::string>>;
 std::string JsonCommand(const JsonMembers& members);
+
+// One command and what it must do: the frames, and the log lines after its
+// own "JSON commands from app: <json>" line.
+struct CommandCase {
+    std::string json;
+    std::vector<std::string> frames;
+    std::string log;
+};
+
+// A test with the daemon, its camera and main application started.
+class CommandRigTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    // Sends each case and checks its frames and log exactly.
+    void Check(const std::vector<CommandCase>& cases);
+
+    CommandRig rig;
+};

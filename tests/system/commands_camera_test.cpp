@@ -12,12 +12,7 @@
 
 namespace {
 
-// A command, the frames it must send and the log lines after its own "JSON commands from app:" line.
-struct Case {
-    std::string json;
-    std::vector<std::string> frames;
-    std::string log;
-};
+using Case = CommandCase;
 
 std::string Json(const JsonMembers& members) { return JsonCommand(members); }
 
@@ -41,24 +36,8 @@ std::string Values(const char* cmd, const char* param, std::vector<std::string> 
 constexpr size_t kStateAttitude0 = 3;  // state message: gimbal_attitude[0], i16
 constexpr size_t kStateZoomMax = 36;   // state message: zoom_max, u16
 
-class CameraCommandsTest : public ::testing::Test {
+class CameraCommandsTest : public CommandRigTest {
 protected:
-    void SetUp() override
-    {
-        REQUIRE_ISOLATION();
-        ASSERT_TRUE(rig.Start()) << rig.daemon.Stderr();
-    }
-
-    void Check(const std::vector<Case>& cases)
-    {
-        for (const Case& c : cases) {
-            CommandEffect effect = rig.Send(c.json);
-            ASSERT_TRUE(effect.complete) << c.json << "\n" << rig.daemon.Stderr();
-            EXPECT_EQ(effect.frames, c.frames) << c.json;
-            EXPECT_EQ(effect.log, "JSON commands from app: " + c.json + "\n" + c.log) << c.json;
-        }
-    }
-
     // Reports a gimbal attitude and waits until the daemon shows it.
     void ReportAttitude(int16_t angle0)
     {
@@ -69,8 +48,6 @@ protected:
             return m.size() > kStateAttitude0 + 1 && static_cast<int16_t>(ReadLe16(m.data() + kStateAttitude0)) == angle0;
         }).empty()) << "attitude " << angle0;
     }
-
-    CommandRig rig;
 };
 
 TEST_F(CameraCommandsTest, CaptureAndMode)

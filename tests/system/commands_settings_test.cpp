@@ -12,12 +12,7 @@
 
 namespace {
 
-// A command, the frames it must send and the log lines after its own "JSON commands from app:" line.
-struct Case {
-    std::string json;
-    std::vector<std::string> frames;
-    std::string log;
-};
+using Case = CommandCase;
 
 std::string Json(const JsonMembers& members) { return JsonCommand(members); }
 std::string F(uint8_t command_set, uint8_t command_id, const std::string& payload)
@@ -32,26 +27,7 @@ Case Word(const char* word, const char* param, uint8_t id, const char* payload, 
             log.empty() ? "" : log + " " + param + "\n"};
 }
 
-class SettingCommandsTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        REQUIRE_ISOLATION();
-        ASSERT_TRUE(rig.Start()) << rig.daemon.Stderr();
-    }
-
-    void Check(const std::vector<Case>& cases)
-    {
-        for (const Case& c : cases) {
-            CommandEffect effect = rig.Send(c.json);
-            ASSERT_TRUE(effect.complete) << c.json << "\n" << rig.daemon.Stderr();
-            EXPECT_EQ(effect.frames, c.frames) << c.json;
-            EXPECT_EQ(effect.log, "JSON commands from app: " + c.json + "\n" + c.log) << c.json;
-        }
-    }
-
-    CommandRig rig;
-};
+using SettingCommandsTest = CommandRigTest;
 
 TEST_F(SettingCommandsTest, ExposureProgramApertureIsoAndColour)
 {
