@@ -153,12 +153,10 @@ TEST_F(RemoteControlTest, ButtonsRockersLevelSlotEvAxisAndTracking)
     }
     EXPECT_EQ(Lines(Frames(kQuietMs, kQuietMs)), "");
 
-    // A held button fires once; a new press, or a direct swing, fires again; NaN counts as released.
+    // A held button fires once; a direct swing, or a new press, fires again; NaN counts as released.
     Expect("hold next-position 1", {NextPosition()});
     Expect("wait 300", {});
-    Expect("release next-position", {});
     Expect("hold next-position -1", {NextPosition()});
-    Expect("hold next-position 1", {NextPosition()});
     Expect("set next-position nan", {});
     Expect("hold next-position 0.001", {NextPosition()});
 
@@ -176,8 +174,7 @@ TEST_F(RemoteControlTest, ButtonsRockersLevelSlotEvAxisAndTracking)
         size_t log_start = rig.daemon.Stderr().size();
         Expect("hold " + name + "-next 1", f.next);
         Expect("hold " + name + "-prev 1", f.prev);
-        Expect("release " + name + "-next release " + name + "-prev", {});
-        Expect("hold " + name + " 1", f.next);    // rocker up
+        Expect("release " + name + "-next release " + name + "-prev hold " + name + " 1", f.next);   // rocker up
         Expect("hold " + name + " -1", f.prev);   // straight to down
         Expect("release " + name, {});
         std::string log = rig.daemon.Stderr().substr(log_start);
@@ -290,18 +287,6 @@ TEST_F(RemoteControlTest, ExistingObjectSticksLockSwitchAndZoom)
         std::vector<std::string> rest = Frames();
         ASSERT_GE(rest.size(), 1u) << z.first;
         EXPECT_EQ(rest.back(), rest.size() > 1 ? rest[rest.size() - 2] : Zoom(200 + 3 * z.second)) << z.first;
-    }
-    // The main application's zoom rate steps on every cycle, kept at the limit near the top.
-    for (auto rate : {std::make_pair(300, -3), std::make_pair(395, 3)}) {
-        std::string zoom = std::to_string(rate.first);
-        ASSERT_TRUE(rig.Send(JsonCommand({{"cmd", "dzoom"}, {"param", "set"}, {"value", zoom}})).complete);
-        rig.app.SendRaw({0x05, 0x01, static_cast<uint8_t>(rate.second), static_cast<uint8_t>(rate.second >> 8)});
-        std::vector<std::string> expected;
-        for (int step = 1; step <= 3; ++step)
-            expected.push_back(Zoom(std::min(400, rate.first + step * rate.second)));
-        EXPECT_EQ(Frames(kQuietMs, kFirstFrameMs, 3), expected);
-        rig.app.SendRaw({0x05, 0x01, 0x00, 0x00});
-        Frames();
     }
     ExpectSteady("");
 }
