@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -23,25 +22,19 @@ constexpr const char* kObjectPath = "/dev/shm/shared_rc_raw";
 constexpr int kFirstFrameMs = 4000;   // covers the 1 s cycle before a movement mode is chosen
 constexpr int kQuietMs = 400;         // 20 cycles at the fast period
 
-// Payload bytes of a little-endian 16-bit value, as hex.
-std::string Le16(int value)
-{
-    char text[8];
-    snprintf(text, sizeof text, "%02x %02x", value & 0xff, (value >> 8) & 0xff);
-    return text;
-}
+// Payload bytes as hex: one byte, a little-endian 16-bit value.
+std::string Hex(int byte) { return {"0123456789abcdef"[byte >> 4 & 15], "0123456789abcdef"[byte & 15], ' '}; }
+std::string Le16(int value) { return Hex(value & 0xff) + Hex(value >> 8 & 0xff); }
 
 // Frames of the commands the remote control causes.
 std::string NextPosition() { return ExpectedFrameHex(0x04, 0x4c, "fe 09"); }
 std::string TrackingStop() { return ExpectedFrameHex(0x02, 0xa6, std::string(21 * 2, '0')); }
 std::string Zoom(int zoom) { return ExpectedFrameHex(0x02, 0x34, "09 00 00 " + Le16(zoom - 100)); }
-std::string Speed(int a, int b, int c) { return ExpectedFrameHex(0x04, 0x0c, Le16(a) + Le16(c) + Le16(b) + "90"); }
-std::string Angle(int a, int b, int c)
-{
-    return ExpectedFrameHex(0x04, 0x0a, Le16(a) + Le16(c) + Le16(b) + "64 00 e0 04");
-}
+std::string Axes(int a, int b, int c) { return Le16(a) + Le16(c) + Le16(b); }   // sent first, third, second
+std::string Speed(int a, int b, int c) { return ExpectedFrameHex(0x04, 0x0c, Axes(a, b, c) + "90"); }
+std::string Angle(int a, int b, int c) { return ExpectedFrameHex(0x04, 0x0a, Axes(a, b, c) + "64 00 e0 04"); }
 std::string Record(bool start) { return ExpectedFrameHex(0x02, 0x02, start ? "01" : "00"); }
-std::string Ev(int code) { return ExpectedFrameHex(0x02, 0x2e, Le16(code).substr(0, 2)); }
+std::string Ev(int code) { return ExpectedFrameHex(0x02, 0x2e, Hex(code)); }
 
 Bytes Report(CameraReportKind kind, uint8_t mode = 1, uint8_t resolution_code = 0)
 {
