@@ -1,22 +1,18 @@
-// The simulator's reports and the monitor tool against the real daemon: the
-// simulator's model shows in the status line and follows "set" lines; the
-// monitor, standing where the main application stands, prints it decoded.
+// The camera simulator and the monitor tool against the real daemon: the simulator's model shows in the status line
+// and follows "set" lines; JSON commands close the loop through the simulator, which refuses a corrupt frame; the
+// monitor prints the status decoded, shows what it cannot decode, and sends commands from its command line and input.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <string>
 
-#include "support/child_process.h"
 #include "support/command_peers.h"
-#include "support/fake_camera.h"
 #include "support/isolation.h"
-#include "support/udp_peer.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-constexpr const char* kSimulatorPort = "19004";
+constexpr uint16_t kSimulatorPort = 19004;
+constexpr int kTimeoutMs = 8000;
 
 // A status item as the monitor prints it.
 std::string Field(const char* key, const char* value)
@@ -31,37 +27,39 @@ protected:
     void SetUp() override
     {
         REQUIRE_ISOLATION();
-        ASSERT_TRUE(simulator.Start(CamsimPath(), {std::string("--port=") + kSimulatorPort, "--no-video"}));
+        ASSERT_TRUE(simulator.Start(CamsimPath(), {"--port=" + std::to_string(kSimulatorPort), "--no-video"}));
         ASSERT_TRUE(simulator.WaitForStdout("camera simulator on", 5000));
     }
-    void StartDaemon()
+    // The status line that contains every item, or "".
+    std::string LineWithAll(const std::vector<std::string>& items)
     {
-        ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(static_cast<uint16_t>(std::stoi(kSimulatorPort)))));
+        Bytes line = app.Next([&](const Bytes& d) {
+            std::string text(d.begin(), d.end());
+            for (const std::string& item : items)
+                if (d[0] != 7 || text.find(item) == std::string::npos)
+                    return false;
+            return true;
+        }, kTimeoutMs);
+        return std::string(line.begin(), line.end());
     }
 
-    ChildProcess simulator;
-    ChildProcess daemon;
+    ChildProcess simulator, daemon;
+    MainAppPeer app{5000};
 };
 
-TEST_F(StatusToolsTest, SimulatorModelShowsAndFollowsSetLines)
+TEST_F(StatusToolsTest, SimulatorModelSetLinesAndTheCommandLoop)
 {
-    MainAppPeer main_app(5000);
     UdpPeer notices(5255);
-    StartDaemon();
-    std::string line = main_app.StatusLineWith("camera_detected=1", 8000);
-    ASSERT_FALSE(line.empty()) << daemon.Stderr() << simulator.Stdout();
-    for (const char* item : {"camera_model=DJI Pocket 2,", "camera_mode=video,", "format=3840x2160@30,",
-                             "iso_set=auto,", "battery_level=87,", "histogram=1,", "wb_temp=5600,"})
-        EXPECT_NE(line.find(item), std::string::npos) << item << " in " << line;
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(kSimulatorPort)));
+    EXPECT_NE(LineWithAll({"camera_detected=1,camera_model=DJI Pocket 2,camera_mode=video,", "format=3840x2160@30,",
+                           "iso_set=auto,", "battery_level=87,", "histogram=1,", "wb_temp=5600,"}), "")
+        << daemon.Stderr() << simulator.Stdout();
 
     for (const char* line : {"set iso_set 400", "set battery 57", "set format 1920x1080@120", "set shutter_set 1/8000",
                              "set antiflicker 60 Hz", "set recording 1", "set iso_set 12345", "set no_such_key 1"})
         simulator.WriteLine(line);
-    line = main_app.StatusLineWith("iso_set=400,", 4000);
-    ASSERT_FALSE(line.empty()) << simulator.Stdout();
-    for (const char* item : {"battery_level=57,", "format=1920x1080@120,", "shutter_set=1/8000,",
-                             "antiflicker=60 Hz,"})
-        EXPECT_NE(line.find(item), std::string::npos) << item << " in " << line;
+    EXPECT_NE(LineWithAll({"iso_set=400,", "battery_level=57,", "format=1920x1080@120,", "shutter_set=1/8000,",
+                           "antiflicker=60 Hz,"}), "") << simulator.Stdout();
     EXPECT_TRUE(simulator.WaitForStdout("bad setting: set iso_set 12345\n", 1000) &&
                 simulator.WaitForStdout("bad setting: set no_such_key 1\n", 1000));
     // Recording: the notice turns, and the recording time counts.
@@ -71,30 +69,83 @@ TEST_F(StatusToolsTest, SimulatorModelShowsAndFollowsSetLines)
         notice.assign(datagram.begin(), datagram.end());
     }
     EXPECT_EQ(notice, "rec_active");
-    EXPECT_FALSE(main_app.StatusLineWith("rec_time=00:00:02,", 8000).empty());
-
+    EXPECT_NE(app.StatusLineWith("rec_time=00:00:02,", kTimeoutMs), "");
     // Every binary kind arrives: state, histogram, and tracking once set.
     simulator.WriteLine("set tracking 0.5 0.5 0.2 0.2");
     for (uint8_t kind : {0, 1, 2})
-        EXPECT_FALSE(main_app.Binary(kind, 3000).empty()) << int(kind);
+        EXPECT_FALSE(app.Binary(kind, 3000).empty()) << int(kind);
     EXPECT_EQ(daemon.Stderr().find("Restore tracking"), std::string::npos);
+
+    // JSON commands: the simulator applies each and the status line shows the result.
+    const std::vector<std::pair<std::vector<std::string>, std::string>> loop = {
+        {{"iso", "auto"}, "iso_set=auto,"}, {{"shutter", "1/1.25"}, "shutter_set=1/1.25,"}, {{"ev", "-0.7"}, "ev=-0.7,"},
+        {{"video_mode", "manual"}, "image_mode=manual,"}, {{"wb", "custom", "6500"}, "wb=custom,wb_temp=6500,"},
+        {{"color", "d-clike"}, "color_mode=d-clike,"}, {{"video_resolution", "1920x1080@60"}, "format=1920x1080@60,"},
+        {{"shotmode", "jpg+raw"}, "shot_mode=JPG+RAW,"}, {{"sensor_res", "64"}, "sensor=64,"},
+        {{"video_aspect", "4:3"}, "ratio=4:3,"}, {{"antiflicker", "50"}, "antiflicker=50 Hz,"},
+        {{"video_std", "NTSC"}, "video_std=NTSC,"}, {{"aperture", "2.8"}, "aperture=2.8,"},
+        {{"camera", "mode", "photo"}, "camera_mode=photo,"}};
+    std::vector<std::string> shown;
+    for (const auto& c : loop) {
+        JsonMembers members;
+        for (size_t i = 0; i < c.first.size(); ++i)
+            members.push_back({i == 0 ? "cmd" : i == 1 ? "param" : "value", c.first[i]});
+        app.SendJson(JsonCommand(members));
+        shown.push_back("," + c.second);
+    }
+    EXPECT_NE(LineWithAll(shown), "") << simulator.Stdout();
+    std::string out = simulator.Stdout();
+    EXPECT_EQ(out.find("BAD CHECKSUM"), std::string::npos);
+    EXPECT_EQ(out.find("bad setting", out.find("bad setting: set no_such_key") + 1), std::string::npos) << out;
+
+    // A camera drops a frame whose checksum is wrong; so does the simulator. ISO 800 as the daemon would send it:
+    Bytes frame = ExpectedFrame(0x02, 0x2a, "06");
+    SealCameraPacket(frame.data(), frame.size(), 0x1234);
+    Bytes datagram(kCommandDatagramCapacity);
+    datagram.resize(BuildCommandDatagram(datagram.data(), frame.data(), frame.size(), 0));
+    Bytes corrupt = datagram;
+    corrupt.back() ^= 0xff;
+    UdpPeer intruder;
+    intruder.SendTo(kSimulatorPort, corrupt);
+    ASSERT_TRUE(simulator.WaitForStdout("rx BAD CHECKSUM (frame crc16) set 02 id 2a\n", kTimeoutMs));
+    app.StatusLineWith("", kTimeoutMs);
+    EXPECT_NE(app.StatusLineWith("", kTimeoutMs).find(",iso_set=auto,"), std::string::npos);
+    intruder.SendTo(kSimulatorPort, datagram);
+    EXPECT_NE(app.StatusLineWith(",iso_set=800,", kTimeoutMs), "");
 }
 
-TEST_F(StatusToolsTest, MonitorPrintsTheStatusDecoded)
+TEST_F(StatusToolsTest, MonitorPrintsTheStatusAndSendsCommands)
 {
     ChildProcess monitor;
-    ASSERT_TRUE(monitor.Start(ToolPath("monitor"), {}));
-    ASSERT_TRUE(monitor.WaitForStdout("monitor on 127.0.0.1:5000, notices on 5255", 5000));
-    StartDaemon();
+    ASSERT_TRUE(monitor.Start(ToolPath("monitor"), {"--port=15000", R"(--send={"cmd":"iso","param":"800"})"}));
+    ASSERT_TRUE(monitor.WaitForStdout("monitor on 127.0.0.1:15000, notices on 5255", 5000));
+    ASSERT_TRUE(monitor.WaitForStdout("waiting for the service: !{\"cmd\":\"iso\",\"param\":\"800\"}\n", 5000));
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(kSimulatorPort, {"--dst-port", "15000"})));
     for (const char* line : {"set gimbal_sweep 0", "set attitude 100 -200 30", "set camera_mode photo"})
         simulator.WriteLine(line);
-    ASSERT_TRUE(monitor.WaitForStdout(Field("camera_mode", "photo"), 8000)) << monitor.Stdout();
-    for (const std::string& text : {Field("camera_model", "DJI Pocket 2"), Field("pl_time", ""),
-                             std::string("state: gimbal lock|mode 1, attitude 100 -200 30 (tenths of a degree)\n"),
-                             std::string("  camera flags 0x00 (rec_inactive)"), std::string("histogram: ["),
-                             std::string("notice: rec_inactive\n")})
-        EXPECT_TRUE(monitor.WaitForStdout(text, 3000)) << text << "\n" << monitor.Stdout();
+    for (const std::string& text :
+         {std::string("sent: !{\"cmd\":\"iso\",\"param\":\"800\"}\n"), Field("iso_set", "800"),
+          Field("camera_mode", "photo"), Field("camera_model", "DJI Pocket 2"), Field("pl_time", ""),
+          std::string("state: gimbal lock|mode 1, attitude 100 -200 30 (tenths of a degree)\n"),
+          std::string("  camera flags 0x00 (rec_inactive)"), std::string("histogram: ["),
+          std::string("notice: rec_inactive\n")})
+        EXPECT_TRUE(monitor.WaitForStdout(text, kTimeoutMs)) << text << "\n" << monitor.Stdout();
     EXPECT_EQ(monitor.Stdout().find("wrong length"), std::string::npos);
+
+    // Words, JSON, the datagram text itself, typed on standard input.
+    const char* typed[][2] = {{"ev +0.7", "ev"}, {R"({"cmd":"shutter","param":"8\""})", "shutter_set"},
+                              {R"(!{"cmd":"wb","param":"custom","value":"4200"})", "wb_temp"}};
+    const char* shown[] = {"+0.7", "8\"", "4200"};
+    for (int i = 0; i < 3; ++i) {
+        monitor.WriteLine(typed[i][0]);
+        EXPECT_TRUE(monitor.WaitForStdout(Field(typed[i][1], shown[i]), kTimeoutMs)) << typed[i][0];
+    }
+    EXPECT_TRUE(monitor.WaitForStdout("sent: !{\"cmd\":\"ev\",\"param\":\"+0.7\"}\n", 1000));
+    monitor.WriteLine("set movement abs");
+    EXPECT_TRUE(monitor.WaitForStdout("sent: !{\"cmd\":\"set\",\"name\":\"movement\",\"value\":\"abs\"}\n", kTimeoutMs));
+    for (const char* line : {"Camera set iso 800\n", "Camera set EV 0.7\n", "Camera set shutter 8\"\n",
+                             "Camera set WB temperature 4200\n"})
+        EXPECT_NE(daemon.Stderr().find(line), std::string::npos) << line;
 }
 
 TEST(StatusMonitor, ShowsWhatItCannotDecode)
@@ -104,11 +155,9 @@ TEST(StatusMonitor, ShowsWhatItCannotDecode)
     ASSERT_TRUE(monitor.Start(ToolPath("monitor"), {"--port=5400", "--notice-port=0", "--count=4"}));
     ASSERT_TRUE(monitor.WaitForStdout("monitor on 127.0.0.1:5400", 5000));
     UdpPeer sender;
-    sender.SendTo(5400, Bytes{6, 0, 1, 2});
-    sender.SendTo(5400, Bytes{9, 9});
-    const std::string cut_line = "\x07" "a=1,b=";
-    sender.SendTo(5400, cut_line.data(), cut_line.size());
-    sender.SendTo(5400, Bytes(11, 6));  // kind 6: no such message
+    for (const std::string& datagram : {std::string("\x06\x00\x01\x02", 4), std::string("\x09\x09"),
+                                        std::string("\x07" "a=1,b="), std::string(11, 6)})  // kind 6: no such message
+        sender.SendTo(5400, datagram.data(), datagram.size());
     EXPECT_EQ(monitor.WaitExit(5000), 0);
     for (const std::string& text : {std::string("state message of a wrong length, 4 bytes: 06 00 01 02\n"),
                                     std::string("unknown datagram, 2 bytes: 09 09\n"),
