@@ -170,8 +170,7 @@ TEST_F(RemoteControlTest, ButtonsRockersLevelSlotEvAxisAndTracking)
         Expect("release " + name + "-next release " + name + "-prev hold " + name + " 1", f.next);   // rocker up
         Expect("hold " + name + " -1", f.prev);   // straight to down
         Expect("release " + name, {});
-        std::string log = rig.daemon.Stderr().substr(log_start);
-        EXPECT_EQ(Count(log, "Camera set prev "), 2u) << log;
+        EXPECT_EQ(Count(rig.daemon.Stderr().substr(log_start), "Camera set prev "), 2u) << name;
     }
 
     // The level slot records in video (start on either side, stop at 0), shoots in photo, idles in playback.

@@ -85,10 +85,7 @@ Bytes Build(const Sps& s, size_t* end_bit = nullptr)
     return w.Finish();
 }
 
-struct Size {
-    int result;
-    uint32_t width = 0xdead, height = 0xbeef;
-};
+struct Size { int result; uint32_t width = 0xdead, height = 0xbeef; };
 
 // Parses a heap copy of exactly `length` bytes, so that AddressSanitizer sees any read past them.
 Size Parse(const Bytes& data, size_t length = SIZE_MAX)
