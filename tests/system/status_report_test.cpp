@@ -71,8 +71,14 @@ protected:
     ChildProcess daemon;
 };
 
-TEST_F(StatusReportTest, NothingBeforeTheDataStreamThenTheEmptyRecord)
+// A region left by an earlier run is opened, not created, sized to 6 bytes, and keeps its contents until the first
+// attitude report.
+TEST_F(StatusReportTest, NothingBeforeTheDataStreamThenTheEmptyRecordAndAnOldRegion)
 {
+    int fd = shm_open("/shared_camstate", O_RDWR | O_CREAT, 0600);
+    const Bytes old = {1, 2, 3, 4, 5, 6};
+    ASSERT_TRUE(fd >= 0 && ftruncate(fd, 100) == 0 && pwrite(fd, old.data(), 6, 0) == 6);
+    close(fd);
     EXPECT_TRUE(app.Next(nullptr, 2500).empty());
     EXPECT_TRUE(notices.Receive(100).empty());
     camera.StartKeepAlive();
@@ -91,37 +97,20 @@ TEST_F(StatusReportTest, NothingBeforeTheDataStreamThenTheEmptyRecord)
     EXPECT_TRUE(lines >= 2 && lines <= 4) << lines;
     EXPECT_TRUE(states >= 12 && states <= 17) << states;
     EXPECT_EQ(others, 0u);
-
     uint16_t notice_port = 0;
     Bytes notice = notices.Receive(1500, &notice_port);
     EXPECT_EQ(std::string(notice.begin(), notice.end()), "rec_inactive");
     EXPECT_NE(notice_port, status_port) << "the notice leaves from a socket of its own";
+
+    Send({Kind::kBattery}, CameraReportValues());
+    ASSERT_TRUE(daemon.WaitForStderr("Shared cam state mem opened\n", 3000)) << daemon.Stderr();
+    EXPECT_EQ(daemon.Stderr().find("Creating new shared cam state"), std::string::npos);
+    EXPECT_EQ(AttitudeRegion(), old);
+    shm_unlink("/shared_camstate");
 }
 
-TEST_F(StatusReportTest, ReportsShowInTheStatusLine)
-{
-    camera.StartKeepAlive();
-    CameraReportValues v;
-    v.sd_free_mb = 29700, v.shots_left = 512, v.rec_time_left_s = 3725, v.rec_time_s = 61;
-    v.shot_mode_code = 2, v.resolution_code = 24, v.frame_rate_code = 6, v.aperture = 280;
-    v.shutter = 0x0080fa, v.shutter_set = 0x020003, v.iso = 800, v.iso_set_code = 6, v.ev_code = 14;
-    v.exposure_program = 4, v.color_mode_code = 6, v.white_balance_code = 3, v.white_balance_temperature = 43;
-    v.sensor_code = 5, v.video_standard_bits = 1, v.antiflicker_code = 2, v.ae_lock = 1;
-    v.battery_level = -5, v.battery_charging = 1;
-    v.playback_state = 3, v.playback_clip = 12, v.playback_duration_ms = 95000, v.playback_position_ms = 61999;
-    Send({Kind::kCameraInfo, Kind::kSettings, Kind::kBattery, Kind::kPlayback}, v);
-    EXPECT_EQ(app.StatusLineWith("camera_detected=1", 4000),
-              "camera_detected=1,camera_model=DJI Pocket 2,camera_mode=video,sd=29.7G,shots_left=512,"
-              "rec_time_left=01:02:05,rec_time=00:01:01,voltage=0,battery_level=-5,battery_charging=1,"
-              "shot_mode=JPG+RAW,resolution=2704x1520,framerate=60,format=2704x1520@60,ae=1,aperture=2.8,"
-              "shutter=1/250,shutter_set=3.2\",iso=800,iso_set=800,ev=-0.7,image_mode=manual,"
-              "color_mode=d-cinelike,wb=custom,wb_temp=4300,ratio=4:3,sensor=64,video_std=NTSC,"
-              "antiflicker=60 Hz,histogram=0,pl_state=paused,pl_id=12,pl_dur=00:01:35,pl_time=00:01:01,")
-        << daemon.Stderr();
-    EXPECT_TRUE(daemon.WaitForStderr("54 bytes: 0x55,0x36,0x04,", 1000)) << "the playback frame is logged";
-}
-
-// Also the attitude region, the lock commanded back through the status source port, and the notice.
+// Also the attitude region, the lock commanded back through the status source port, the notice and the histogram's
+// ageing.
 TEST_F(StatusReportTest, BinaryMessagesByteForByte)
 {
     camera.StartKeepAlive();
@@ -157,26 +146,18 @@ TEST_F(StatusReportTest, BinaryMessagesByteForByte)
     v.tracking_subject = true, v.tracking_x = 0.5f, v.tracking_y = 0.25f, v.tracking_w = 0.1f, v.tracking_h = 1.0f;
     for (size_t i = 0; i < kHistogramBinCount; ++i)
         v.histogram[i] = static_cast<uint8_t>(i * 4);
+    auto sent_at = Clock::now();
     Send({Kind::kTracking, Kind::kHistogram}, v);
     EXPECT_EQ(app.Binary(2, 3000), (Bytes{0x06, 0x02, 0x01, 0xff, 0x7f, 0xff, 0x3f, 0x99, 0x19, 0xff, 0xff}));
     Bytes histogram = {0x06, 0x01};
     histogram.insert(histogram.end(), v.histogram, v.histogram + kHistogramBinCount);
     EXPECT_EQ(app.Binary(1, 3000), histogram);
-
+    EXPECT_NE(app.StatusLineWith("histogram=1,", 3000), "");
     v.camera_flags = 0xc0;
     Send({Kind::kCameraInfo}, v);
     EXPECT_TRUE(NoticeTurns("rec_inactive"));
-}
 
-TEST_F(StatusReportTest, HistogramAgesOutAfterThreeSeconds)
-{
-    camera.StartKeepAlive();
-    CameraReportValues v;
-    v.histogram[5] = 200;
-    auto sent_at = Clock::now();
-    Send({Kind::kHistogram}, v);
-    ASSERT_EQ(app.Binary(1, 3000).size(), 66u);
-    EXPECT_NE(app.StatusLineWith("histogram=1,", 3000), "");
+    // The histogram ages out about 3 s after its report: no more messages, and the status line shows 0.
     auto last = sent_at;
     while (Clock::now() < sent_at + std::chrono::seconds(5))
         if (!app.Binary(1, 100).empty())
@@ -186,33 +167,31 @@ TEST_F(StatusReportTest, HistogramAgesOutAfterThreeSeconds)
     EXPECT_NE(app.StatusLineWith("histogram=0,", 3000), "");
 }
 
-// A region left by an earlier run is opened, not created, sized to 6 bytes, and keeps its contents until the
-// first attitude report.
-TEST_F(StatusReportTest, ExistingAttitudeRegionIsReused)
-{
-    int fd = shm_open("/shared_camstate", O_RDWR | O_CREAT, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, 100), 0);
-    const Bytes old = {1, 2, 3, 4, 5, 6};
-    ASSERT_EQ(pwrite(fd, old.data(), 6, 0), 6);
-    close(fd);
-    camera.StartKeepAlive();
-    Send({Kind::kBattery}, CameraReportValues());
-    ASSERT_TRUE(daemon.WaitForStderr("Shared cam state mem opened\n", 3000)) << daemon.Stderr();
-    EXPECT_EQ(daemon.Stderr().find("Creating new shared cam state"), std::string::npos);
-    EXPECT_EQ(AttitudeRegion(), old);
-    shm_unlink("/shared_camstate");
-}
-
-TEST_F(StatusReportTest, JunkAndCorruptFramesChangeNothing)
+// Then junk and corrupt frames change nothing that the main application sees.
+TEST_F(StatusReportTest, ReportsShowInTheStatusLineAndJunkChangesNothing)
 {
     camera.StartKeepAlive();
     const Kind kinds[] = {Kind::kCameraInfo, Kind::kSettings, Kind::kBattery, Kind::kGimbalAttitude};
     CameraReportValues v, other;
-    v.model = 24, v.battery_level = 42, v.iso_set_code = 5, v.angle0 = 77;
-    other.battery_level = 99, other.iso_set_code = 9, other.angle0 = 555;
-    Send({kinds[0], kinds[1], kinds[2], kinds[3]}, v);
-    const std::string before = app.StatusLineWith("camera_model=DJI Pocket Osmo", 4000);
+    v.sd_free_mb = 29700, v.shots_left = 512, v.rec_time_left_s = 3725, v.rec_time_s = 61;
+    v.shot_mode_code = 2, v.resolution_code = 24, v.frame_rate_code = 6, v.aperture = 280;
+    v.shutter = 0x0080fa, v.shutter_set = 0x020003, v.iso = 800, v.iso_set_code = 6, v.ev_code = 14;
+    v.exposure_program = 4, v.color_mode_code = 6, v.white_balance_code = 3, v.white_balance_temperature = 43;
+    v.sensor_code = 5, v.video_standard_bits = 1, v.antiflicker_code = 2, v.ae_lock = 1;
+    v.battery_level = -5, v.battery_charging = 1, v.angle0 = 77;
+    v.playback_state = 3, v.playback_clip = 12, v.playback_duration_ms = 95000, v.playback_position_ms = 61999;
+    other.model = 24, other.battery_level = 99, other.iso_set_code = 9, other.angle0 = 555;
+    Send({kinds[0], kinds[1], kinds[2], kinds[3], Kind::kPlayback}, v);
+    const std::string before = app.StatusLineWith("camera_detected=1", 4000);
+    EXPECT_EQ(before,
+              "camera_detected=1,camera_model=DJI Pocket 2,camera_mode=video,sd=29.7G,shots_left=512,"
+              "rec_time_left=01:02:05,rec_time=00:01:01,voltage=0,battery_level=-5,battery_charging=1,"
+              "shot_mode=JPG+RAW,resolution=2704x1520,framerate=60,format=2704x1520@60,ae=1,aperture=2.8,"
+              "shutter=1/250,shutter_set=3.2\",iso=800,iso_set=800,ev=-0.7,image_mode=manual,"
+              "color_mode=d-cinelike,wb=custom,wb_temp=4300,ratio=4:3,sensor=64,video_std=NTSC,"
+              "antiflicker=60 Hz,histogram=0,pl_state=paused,pl_id=12,pl_dur=00:01:35,pl_time=00:01:01,")
+        << daemon.Stderr();
+    EXPECT_TRUE(daemon.WaitForStderr("54 bytes: 0x55,0x36,0x04,", 1000)) << "the playback frame is logged";
     const Bytes state_before = app.Binary(0, 3000, [](const Bytes& m) { return m[3] == 77; });
     ASSERT_FALSE(state_before.empty());
 
