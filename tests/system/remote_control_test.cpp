@@ -123,7 +123,7 @@ protected:
     // Centring the sticks: exactly three centring commands, then `after`.
     void ExpectCentring(const std::string& centred, const std::string& after = "")
     {
-        Write("stick 0 0 0");
+        Write("set 0 0 set 1 0 set 2 0");
         std::string frames = after.empty() ? Lines(Frames()) : FramesFor(600);
         std::string three = Lines({centred, centred, centred});
         EXPECT_EQ(Count(frames, centred + "\n"), 3u) << frames;
@@ -146,74 +146,76 @@ TEST_F(RemoteControlTest, ButtonsRockersLevelSlotEvAxisAndTracking)
     }
     EXPECT_EQ(Lines(Frames(kQuietMs, kQuietMs)), "");
 
-    // A held button fires once; a direct swing, or a new press, fires again; NaN counts as released.
-    Expect("hold next-position 1", {NextPosition()});
+    // Slots are named by number, independently of the writer tool's names. Slot 4, gimbal next position: a
+    // held button fires once; a direct swing, or a new press, fires again; NaN counts as released.
+    Expect("hold 4 1", {NextPosition()});
     Expect("wait 300", {});
-    Expect("hold next-position -1", {NextPosition()});
-    Expect("set next-position nan", {});
-    Expect("hold next-position 0.001", {NextPosition()});
+    Expect("hold 4 -1", {NextPosition()});
+    Expect("set 4 nan", {});
+    Expect("hold 4 0.001", {NextPosition()});
 
-    // Step families: with nothing reported every setting text is empty, which steps as its first entry.
-    // Previous white balance is "custom" at 0 K (none commanded, none reported): logged, not sent.
-    const struct { const char* name; std::vector<std::string> next, prev; } families[] = {
-        {"exposure-mode", {ExpectedFrameHex(0x02, 0x1e, "02 00")}, {ExpectedFrameHex(0x02, 0x1e, "04 00")}},
-        {"iso", {ExpectedFrameHex(0x02, 0x2a, "03")}, {ExpectedFrameHex(0x02, 0x2a, "08")}},
-        {"shutter", {ExpectedFrameHex(0x02, 0x28, "01 07 00 00")}, {ExpectedFrameHex(0x02, 0x28, "01 40 9f 00")}},
-        {"color", {ExpectedFrameHex(0x02, 0x42, "34")}, {ExpectedFrameHex(0x02, 0x42, "34")}},
-        {"wb", {ExpectedFrameHex(0x02, 0x2c, "01 30")}, {}}, {"ev", {Ev(8)}, {Ev(25)}},
+    // Step families: a rocker, then its next and previous buttons. With nothing reported every setting text
+    // is empty, which steps as its first entry. Previous white balance is "custom" at 0 K: logged, not sent.
+    const struct { int rocker; std::vector<std::string> next, prev; } families[] = {
+        {21, {ExpectedFrameHex(0x02, 0x1e, "02 00")}, {ExpectedFrameHex(0x02, 0x1e, "04 00")}},
+        {24, {ExpectedFrameHex(0x02, 0x2a, "03")}, {ExpectedFrameHex(0x02, 0x2a, "08")}},
+        {27, {ExpectedFrameHex(0x02, 0x28, "01 07 00 00")}, {ExpectedFrameHex(0x02, 0x28, "01 40 9f 00")}},
+        {33, {ExpectedFrameHex(0x02, 0x42, "34")}, {ExpectedFrameHex(0x02, 0x42, "34")}},
+        {36, {ExpectedFrameHex(0x02, 0x2c, "01 30")}, {}}, {40, {Ev(8)}, {Ev(25)}},
     };
     for (const auto& f : families) {
-        std::string name = f.name;
+        std::string rocker = std::to_string(f.rocker), next = std::to_string(f.rocker + 1);
+        std::string prev = std::to_string(f.rocker + 2);
         size_t log_start = rig.daemon.Stderr().size();
-        Expect("hold " + name + "-next 1", f.next);
-        Expect("hold " + name + "-prev 1", f.prev);
-        Expect("release " + name + "-next release " + name + "-prev hold " + name + " 1", f.next);   // rocker up
-        Expect("hold " + name + " -1", f.prev);   // straight to down
-        Expect("release " + name, {});
-        EXPECT_EQ(Count(rig.daemon.Stderr().substr(log_start), "Camera set prev "), 2u) << name;
+        Expect("hold " + next + " 1", f.next);
+        Expect("hold " + prev + " 1", f.prev);
+        Expect("release " + next + " release " + prev + " hold " + rocker + " 1", f.next);   // rocker up
+        Expect("hold " + rocker + " -1", f.prev);   // straight to down
+        Expect("release " + rocker, {});
+        EXPECT_EQ(Count(rig.daemon.Stderr().substr(log_start), "Camera set prev "), 2u) << rocker;
     }
 
-    // The level slot records in video (start on either side, stop at 0), shoots in photo, idles in playback.
+    // The level slot 7 records in video (start on either side, stop at 0), shoots in photo, idles in
+    // playback.
     Reports({Report(CameraReportKind::kCameraInfo, 1)});
-    Expect("hold record 1", {Record(true)});
-    Expect("hold record -1", {Record(true)});
-    Expect("release record", {Record(false)});
+    Expect("hold 7 1", {Record(true)});
+    Expect("hold 7 -1", {Record(true)});
+    Expect("release 7", {Record(false)});
     Reports({Report(CameraReportKind::kCameraInfo, 0)});
-    Expect("hold record -1", {ExpectedFrameHex(0x02, 0x01, "01")});
-    Expect("release record", {});
+    Expect("hold 7 -1", {ExpectedFrameHex(0x02, 0x01, "01")});
+    Expect("release 7", {});
     Reports({Report(CameraReportKind::kCameraInfo, 7)});
-    Expect("hold record 1", {});
-    Expect("release record", {});
+    Expect("hold 7 1", {});
+    Expect("release 7", {});
 
-    // The EV axis: index 0 at -1 where the axis starts; a new index is sent while its flag is set.
-    Expect("ev -1", {});
-    Expect("ev 0", {Ev(16)});       // "0"
-    Expect("ev 0.99", {Ev(25)});    // index 18, "+3.0"
-    Expect("ev 1.5", {});           // still 18
-    Expect("ev -1.5", {Ev(7)});     // index 0, "-3.0"
-    Expect("ev -0.06", {Ev(15)});   // index 8, "-0.3"
-    Expect("ev off", {});
-    Expect("set ev-axis 1", {});    // no flag, no effect
-    Expect("ev nan", {});
-    Expect("ev 0.5", {Ev(21)});     // index 14, "+1.3"
+    // The EV axis, slot 39: index 0 at -1 where the axis starts; a new index is sent while its flag is set.
+    Expect("set 39 -1 flag 39 1", {});
+    Expect("set 39 0", {Ev(16)});       // "0"
+    Expect("set 39 0.99", {Ev(25)});    // index 18, "+3.0"
+    Expect("set 39 1.5", {});           // still 18
+    Expect("set 39 -1.5", {Ev(7)});     // index 0, "-3.0"
+    Expect("set 39 -0.06", {Ev(15)});   // index 8, "-0.3"
+    Expect("flag 39 0 set 39 1", {});   // no flag, no effect
+    Expect("set 39 nan flag 39 1", {});
+    Expect("set 39 0.5", {Ev(21)});     // index 14, "+1.3"
 
-    // Tracking: no report yet, the button starts it (stop first, then the box 0.5 0.5 0.1 0.17 as f32);
+    // Tracking, slot 20: no report yet, the button starts it (stop first, then the box 0.5 0.5 0.1 0.17 as f32);
     // reported, it stops it.
     const std::string start =
         ExpectedFrameHex(0x02, 0xa6, "01 00 00 0e 00  00 00 00 3f  00 00 00 3f  cd cc cc 3d  7b 14 2e 3e");
-    Expect("press tracking", {TrackingStop(), start});
+    Expect("press 20", {TrackingStop(), start});
     ASSERT_TRUE(rig.daemon.WaitForStderr("Stop tracking\nStart tracking 0.5 0.5 0.1 0.2\n", 1000));
     rig.SendReports({Report(CameraReportKind::kTracking)});
     auto last_report = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    Expect("press tracking", {TrackingStop()});
+    Expect("press 20", {TrackingStop()});
     // Reports stop: one "Tracking lost" a little over 3 s after the last; then the button starts again.
     ASSERT_TRUE(rig.daemon.WaitForStderr("Tracking lost\n", 6000));
     double after = std::chrono::duration<double>(std::chrono::steady_clock::now() - last_report).count();
     EXPECT_TRUE(after > 2.9 && after < 5.0) << after;
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_EQ(Count(rig.daemon.Stderr(), "Tracking lost\n"), 1u);
-    Expect("press tracking", {TrackingStop(), start});
+    Expect("press 20", {TrackingStop(), start});
 }
 
 TEST_F(RemoteControlTest, ExistingObjectSticksLockSwitchAndZoom)
@@ -230,47 +232,48 @@ TEST_F(RemoteControlTest, ExistingObjectSticksLockSwitchAndZoom)
     bytes.assign((std::istreambuf_iterator<char>(object)), std::istreambuf_iterator<char>());
     EXPECT_EQ(bytes.size(), 1504u);
     EXPECT_EQ(bytes.substr(0, 6), "writer");
-    Write("release next-position");
+    Write("release 4");
 
-    // Relative: speeds on every cycle (sent as first, third, second), then three centring calls.
-    Write("stick 0.2 -0.3 0.5");
+    // Sticks (slots 0 to 2), relative: speeds on every cycle (sent as first, third, second), then three
+    // centring calls.
+    Write("set 0 0.2 set 1 -0.3 set 2 0.5");
     ExpectSteady(Speed(200, -300, 500));
     ExpectCentring(Speed(0, 0, 0));
     EXPECT_EQ(Lines(Frames(kQuietMs, kQuietMs)), "") << "nothing more once centred";
 
-    // The lock switch requests the orientation lock on every cycle: centred, its hold speed goes out;
-    // off centre the stick wins, back at centre the three centring calls, then the hold again.
+    // The lock switch (slot 5 with its flag) requests the orientation lock on every cycle: centred, its hold
+    // speed goes out; off centre the stick wins, back at centre the three centring calls, then the hold again.
     const std::string hold = Speed(1, 1, 1);
-    Write("lock on");
+    Write("set 5 1 flag 5 1");
     ExpectSteady(hold);
-    Write("stick 0.3 0 0 wait 200");
+    Write("set 0 0.3 wait 200");
     ExpectCentring(Speed(0, 0, 0), hold);
     // Switched off the request is cleared on every cycle, even after a JSON lock.
-    Write("lock off");
+    Write("set 5 0");
     ExpectSteady("");
     rig.app.SendJson(JsonCommand({{"cmd", "orientation"}, {"param", "lock"}}));
     ASSERT_TRUE(rig.daemon.WaitForStderr("Gimbal orientation lock\n", 3000));
     ExpectSteady("");
-    // Without its flag the switch is not read: a JSON lock stays, until the button unlocks it.
-    Write("lock free");
+    // Without its flag the switch is not read: a JSON lock stays, until the button (slot 6) unlocks it.
+    Write("flag 5 0");
     rig.app.SendJson(JsonCommand({{"cmd", "orientation"}, {"param", "lock"}}));
     ExpectSteady(hold);
-    Write("press orientation-lock");
+    Write("press 6");
     ASSERT_TRUE(rig.daemon.WaitForStderr("Gimbal orientation unlock\n", 3000));
     ExpectSteady("");
 
     // Absolute: angles (-0.5 x -600, 0.5 x 900, 1.0 x 450), three centring calls; the lock sends nothing.
     rig.app.SendJson(JsonCommand({{"cmd", "set"}, {"name", "movement"}, {"value", "abs"}}));
-    Write("lock on");
-    Write("stick -0.5 0.5 1.0");
+    Write("set 5 1 flag 5 1");
+    Write("set 0 -0.5 set 1 0.5 set 2 1.0");
     ExpectSteady(Angle(300, 450, 450));
     ExpectCentring(Angle(0, 0, 0));
-    Write("lock free");
+    Write("flag 5 0");
 
-    // Zoom slots step the zoom once per cycle (the first cycle twice: slot, then ZoomRate); on release
-    // ZoomRate goes to 0 and the zoom reached is sent once more. 1920x1080 video: zoom up to 400.
+    // Zoom slots (16 and 18 in, 17 out) step the zoom once per cycle (the first cycle twice: slot, then
+    // ZoomRate); on release ZoomRate goes to 0 and the zoom reached is sent once more. 1920x1080 video: zoom up to 400.
     Reports({Report(CameraReportKind::kCameraInfo), Report(CameraReportKind::kSettings, 1, 10)});
-    for (auto z : {std::make_pair("zoom-in", 1), std::make_pair("zoom-out", -1), std::make_pair("zoom-in-2", 1)}) {
+    for (auto z : {std::make_pair("16", 1), std::make_pair("17", -1), std::make_pair("18", 1)}) {
         ASSERT_TRUE(rig.Send(JsonCommand({{"cmd", "dzoom"}, {"param", "set"}, {"value", "200"}})).complete);
         Write(std::string("hold ") + z.first + " 1");
         std::vector<std::string> first = {Zoom(200 + z.second), Zoom(200 + 2 * z.second), Zoom(200 + 3 * z.second)};
