@@ -1,9 +1,10 @@
-// Commands in process, against a camera socket on loopback: the step commands from the reported state, the gimbal
-// conversions only the remote control reaches, the CameraState fields that commands write, and the JSON
-// interpreter's control values. Command words to frames are checked through the daemon.
+// Commands in process, against a camera socket on loopback: the step commands from the reported state and the name
+// tables they walk, the gimbal conversions only the remote control reaches, the CameraState fields that commands
+// write, and the JSON interpreter's control values. Command words to frames are checked through the daemon.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -12,6 +13,7 @@
 #include "control/app_commands.h"
 #include "control/camera_commands.h"
 #include "control/setting_commands.h"
+#include "control/value_tables.h"
 #include "state/camera_state.h"
 #include "support/command_peers.h"
 
@@ -111,6 +113,26 @@ TEST_F(Commands, StepsStartFromTheReportedValue)
         EXPECT_EQ(Run(c.step, &log), c.frames) << c.log;
         EXPECT_EQ(log, c.log);
     }
+}
+
+// Every step ends in a setting command that takes the entry ("0" is automatic ISO); codes no command word names.
+TEST(ValueTables, EveryNameTableEntryIsAcceptedByItsSettingTable)
+{
+    for (const char* name : ExposureModeNames)
+        EXPECT_NE(SettingCodeOf(ExposureModeCodes, name), kSendNothing) << name;
+    for (const char* name : ShutterNames)
+        EXPECT_NE(FindShutterCode(name), nullptr) << name;
+    for (size_t i = 0; i < IsoNames.size(); ++i)
+        EXPECT_EQ(IsoCodeOf(strtol(IsoNames[i], nullptr, 10)) == kIsoCodeOther, i == 0) << IsoNames[i];
+    for (size_t i = 0; i < EvNames.size(); ++i) {
+        const EvCode* row = FindEvCode(strtod(EvNames[i], nullptr));
+        EXPECT_TRUE(row != nullptr && row->code == i + 7) << EvNames[i];
+    }
+    for (const char* name : WhiteBalanceNames)
+        EXPECT_NE(FindWhiteBalanceCode(name), nullptr) << name;
+    EXPECT_EQ(SettingCodeOf(ColorModeCodes, ColorModeNames[0]), 0x00);
+    EXPECT_EQ(SettingCodeOf(ColorModeCodes, ColorModeNames[1]), 0x34);
+    EXPECT_TRUE(VideoResolutionCodeOf(1080, 1920) == 0 && FrameRateCodeOf(200) == 19 && FrameRateCodeOf(29) == 0);
 }
 
 // Steps keep no memory of their own; a custom white balance remembers the commanded temperature, even one not
