@@ -68,7 +68,8 @@ bool FrameChecksumsGood(const Bytes& frame)
 
 Bytes CommandFrameIn(const Bytes& datagram)
 {
-    if (datagram.size() < kCommandHeaderSize + kFrameMinimumSize || datagram[kTransportTypeOffset] != kTransportCommand)
+    if (datagram.size() < kCommandHeaderSize + kFrameMinimumSize ||
+        datagram[kTransportTypeOffset] != kTransportCommand)
         return {};
     Bytes frame(datagram.begin() + kCommandHeaderSize, datagram.end());
     bool ping = frame.size() == kFrameMinimumSize && frame[kFrameCommandTypeOffset] == 0 &&
@@ -90,11 +91,6 @@ CommandCamera::~CommandCamera()
         keep_alive_.join();
 }
 
-bool CommandCamera::AwaitDaemon(int timeout_ms)
-{
-    return camera_.AwaitConnectRequest(timeout_ms);
-}
-
 void CommandCamera::StartKeepAlive()
 {
     keep_alive_ = std::thread([this] {
@@ -103,14 +99,6 @@ void CommandCamera::StartKeepAlive()
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
         }
     });
-}
-
-bool CommandCamera::Connect(int timeout_ms)
-{
-    if (!AwaitDaemon(timeout_ms))
-        return false;
-    StartKeepAlive();
-    return true;
 }
 
 void CommandCamera::SendReports(const std::vector<Bytes>& frames)
@@ -122,11 +110,6 @@ void CommandCamera::SendReports(const std::vector<Bytes>& frames)
     SendPayload(payload);
 }
 
-void CommandCamera::SendPayload(const Bytes& payload)
-{
-    camera_.Send(kTransportDataStream, sequence_++, payload);
-}
-
 Bytes CommandCamera::NextFrame(int timeout_ms)
 {
     for (auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms); MsLeft(deadline) > 0;) {
@@ -135,17 +118,6 @@ Bytes CommandCamera::NextFrame(int timeout_ms)
             return frame;
     }
     return {};
-}
-
-void MainAppPeer::SendJson(const std::string& json)
-{
-    std::string text = "!" + json;
-    socket_.SendTo(command_port_, text.data(), text.size());
-}
-
-void MainAppPeer::SendRaw(const Bytes& datagram)
-{
-    socket_.SendTo(command_port_, datagram);
 }
 
 Bytes MainAppPeer::Next(const std::function<bool(const Bytes&)>& accept, int timeout_ms)
@@ -163,8 +135,8 @@ Bytes MainAppPeer::Next(const std::function<bool(const Bytes&)>& accept, int tim
 
 std::string MainAppPeer::StatusLineWith(const std::string& text, int timeout_ms)
 {
-    Bytes line = Next([&](const Bytes& d) { return d[0] == 7 && std::string(d.begin(), d.end()).find(text) != std::string::npos; },
-                      timeout_ms);
+    auto shows = [&](const Bytes& d) { return d[0] == 7 && std::string(d.begin(), d.end()).find(text) < d.size(); };
+    Bytes line = Next(shows, timeout_ms);
     return line.empty() ? "" : std::string(line.begin() + 1, line.end());
 }
 
@@ -176,17 +148,10 @@ Bytes MainAppPeer::Binary(uint8_t kind, int timeout_ms, const std::function<bool
 
 bool CommandRig::Start()
 {
-    return daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"--dst-host", "127.0.0.1", "--dst-port", std::to_string(app.port())})) &&
-           camera.Connect(8000) && app.LearnCommandPort(8000) &&
-           // iptables' own diagnostics must not fall among a command's log lines.
-           WaitUntilPortTaken(kMimoBridgePort, 8000);
-}
-
-CommandEffect CommandRig::Send(const std::string& json)
-{
-    Bytes datagram = {'!'};
-    datagram.insert(datagram.end(), json.begin(), json.end());
-    return SendDatagram(datagram);
+    const std::vector<std::string> destination = {"--dst-host", "127.0.0.1", "--dst-port", std::to_string(app.port())};
+    // The bridge port is taken last: iptables' own diagnostics must not fall among a command's log lines.
+    return daemon.Start(DaemonPath(), DaemonArguments(camera.port(), destination)) && camera.Connect(8000) &&
+           app.LearnCommandPort(8000) && WaitUntilPortTaken(kMimoBridgePort, 8000);
 }
 
 CommandEffect CommandRig::SendDatagram(const Bytes& datagram)
@@ -195,12 +160,9 @@ CommandEffect CommandRig::SendDatagram(const Bytes& datagram)
     const std::string marker = JsonCommand({{"cmd", "focus"}, {"param", "point"}, {"value", std::to_string(number)},
                                             {"value2", "0"}});
     const std::string marker_line = "JSON commands from app: " + marker + "\n";
-    float x = static_cast<float>(number);
-    uint8_t x_bytes[4];
-    memcpy(x_bytes, &x, sizeof x_bytes);
-    char payload[40];
-    snprintf(payload, sizeof payload, "%02x %02x %02x %02x 00 00 00 00", x_bytes[0], x_bytes[1], x_bytes[2], x_bytes[3]);
-    const std::string marker_frame = ExpectedFrameHex(0x02, 0x30, payload);
+    const float x = static_cast<float>(number);
+    Bytes marker_frame = ExpectedFrame(0x02, 0x30, "0000000000000000");
+    memcpy(marker_frame.data() + kFramePayloadOffset, &x, sizeof x);
 
     CommandEffect effect;
     size_t log_start = daemon.Stderr().size();
@@ -210,7 +172,7 @@ CommandEffect CommandRig::SendDatagram(const Bytes& datagram)
         if (frame.empty())
             return effect;
         std::string hex = MaskedFrameHex(frame);
-        if (hex == marker_frame && FrameChecksumsGood(frame))
+        if (hex == MaskedFrameHex(marker_frame) && FrameChecksumsGood(frame))
             break;
         effect.frames.push_back((FrameChecksumsGood(frame) ? "" : "BAD CHECKSUM ") + hex);
     }

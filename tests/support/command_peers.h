@@ -33,6 +33,13 @@ bool FrameChecksumsGood(const Bytes& frame);
 // The command frame in a type 4 datagram; empty for pings, acknowledgements,
 // connect requests and other types.
 Bytes CommandFrameIn(const Bytes& datagram);
+// "!" + json, the datagram of a JSON command.
+inline Bytes JsonDatagram(const std::string& json)
+{
+    Bytes datagram = {'!'};
+    datagram.insert(datagram.end(), json.begin(), json.end());
+    return datagram;
+}
 // A report frame as the camera sends it.
 Bytes CameraReport(CameraReportKind kind, const CameraReportValues& values);
 
@@ -46,13 +53,15 @@ public:
     CommandCamera& operator=(const CommandCamera&) = delete;
 
     uint16_t port() const { return camera_.port(); }
-    bool AwaitDaemon(int timeout_ms);  // the connect request; the stream not yet started
+    // The connect request; the stream not yet started.
+    bool AwaitDaemon(int timeout_ms) { return camera_.AwaitConnectRequest(timeout_ms); }
     void StartKeepAlive();
-    bool Connect(int timeout_ms);      // both
+    bool Connect(int timeout_ms) { return AwaitDaemon(timeout_ms) && (StartKeepAlive(), true); }
     // Report frames in one data-stream datagram, zero-padded past the 500-byte
     // block threshold so that the daemon decodes them at once.
     void SendReports(const std::vector<Bytes>& frames);
-    void SendPayload(const Bytes& payload);  // one data-stream datagram, as it is
+    // One data-stream datagram, as it is.
+    void SendPayload(const Bytes& payload) { camera_.Send(kTransportDataStream, sequence_++, payload); }
     // The next command frame, or empty after the time-out.
     Bytes NextFrame(int timeout_ms);
 
@@ -71,8 +80,8 @@ public:
     uint16_t port() const { return socket_.port(); }
     bool LearnCommandPort(int timeout_ms) { return !Next(nullptr, timeout_ms).empty(); }
     uint16_t command_port() const { return command_port_; }
-    void SendJson(const std::string& json);
-    void SendRaw(const Bytes& datagram);
+    void SendJson(const std::string& json) { SendRaw(JsonDatagram(json)); }
+    void SendRaw(const Bytes& datagram) { socket_.SendTo(command_port_, datagram); }
     // The next datagram that `accept` takes (null: any), or empty after the time-out.
     Bytes Next(const std::function<bool(const Bytes&)>& accept, int timeout_ms);
     // The text of the next status line that contains `text`, or "".
@@ -97,7 +106,7 @@ struct CommandEffect {
 class CommandRig {
 public:
     bool Start();  // the daemon, the camera connected, the command port learnt
-    CommandEffect Send(const std::string& json);  // "!" + json
+    CommandEffect Send(const std::string& json) { return SendDatagram(JsonDatagram(json)); }
     CommandEffect SendDatagram(const Bytes& datagram);
     void SendReports(const std::vector<Bytes>& frames) { camera.SendReports(frames); }
 
