@@ -176,17 +176,20 @@ TEST_F(RemoteControlTest, ButtonsRockersLevelSlotEvAxisAndTracking)
     }
 
     // The level slot 7 records in video (start on either side, stop at 0), shoots in photo, idles in
-    // playback.
+    // playback; the button slot 8 switches video to photo, photo to video, and nothing else.
     Reports({Report(CameraReportKind::kCameraInfo, 1)});
     Expect("hold 7 1", {Record(true)});
     Expect("hold 7 -1", {Record(true)});
     Expect("release 7", {Record(false)});
+    Expect("press 8", {ExpectedFrameHex(0x02, 0x10, "00", 0x09)});
     Reports({Report(CameraReportKind::kCameraInfo, 0)});
     Expect("hold 7 -1", {ExpectedFrameHex(0x02, 0x01, "01")});
     Expect("release 7", {});
+    Expect("press 8", {ExpectedFrameHex(0x02, 0x10, "01", 0x09)});
     Reports({Report(CameraReportKind::kCameraInfo, 7)});
     Expect("hold 7 1", {});
     Expect("release 7", {});
+    Expect("press 8", {});
 
     // The EV axis, slot 39: index 0 at -1 where the axis starts; a new index is sent while its flag is set.
     Expect("set 39 -1 flag 39 1", {});
