@@ -72,7 +72,7 @@ void Put(char (&field)[N], const char* text)
 // Steps from a reported value, and the wraps at both ends (steps from nothing reported: the remote-control test).
 TEST_F(Commands, StepsStartFromTheReportedValue)
 {
-    const struct { std::function<void(CameraState&)> report; void (*step)(); Frames frames; std::string log; } cases[] = {
+    const struct { void (*report)(CameraState&); void (*step)(); Frames frames; std::string log; } cases[] = {
         {[](CameraState& s) { Put(s.image_mode, "manual"); }, CameraNextExposureMode, {F(0x02, 0x1e, "01 00")},
          "Camera set next image mode\nCamera set image mode auto\n"},
         {[](CameraState& s) { Put(s.shutter_set, "1/8000"); }, CameraNextShutter, {F(0x02, 0x28, "01 08 00 00")},
@@ -83,11 +83,10 @@ TEST_F(Commands, StepsStartFromTheReportedValue)
          "Camera set next shutter value\nnew shutter value = 7\"\nCamera set shutter 7\"\n"},  // 30" is not stepped
         {[](CameraState& s) { Put(s.iso_set, "auto"); }, CameraNextIso, {F(0x02, 0x2a, "03")},
          "Camera set next ISO\nCamera set iso 100\n"},
-        {[](CameraState& s) { Put(s.iso_set, "6400"); }, CameraNextIso, {F(0x02, 0x2a, "03")},
-         "Camera set next ISO\nCamera set iso 100\n"},
         {[](CameraState& s) { Put(s.iso_set, "3200"); }, CameraNextIso, {F(0x02, 0x2a, "00")},
          "Camera set next ISO\nCamera set iso 0\n"},
-        {[](CameraState& s) { Put(s.ev, "0"); }, CameraNextEv, {F(0x02, 0x2e, "11")}, "Camera set next EV\nCamera set EV 0.3\n"},
+        {[](CameraState& s) { Put(s.ev, "0"); }, CameraNextEv, {F(0x02, 0x2e, "11")},
+         "Camera set next EV\nCamera set EV 0.3\n"},
         {[](CameraState& s) { Put(s.ev, "+3.0"); }, CameraNextEv, {F(0x02, 0x2e, "07")},
          "Camera set next EV\nCamera set EV -3.0\n"},
         {[](CameraState& s) { Put(s.wb, "neon"), s.wb_temp = 5600; }, CameraNextWhiteBalance, {F(0x02, 0x2c, "06 38")},

@@ -19,7 +19,8 @@ TEST(StatusLine, FullTextsFitTheLimit)
     TERMINATE(camera_model) TERMINATE(camera_mode) TERMINATE(sd) TERMINATE(rec_time_left) TERMINATE(rec_time)
     TERMINATE(shot_mode) TERMINATE(resolution) TERMINATE(framerate) TERMINATE(aperture) TERMINATE(shutter)
     TERMINATE(shutter_set) TERMINATE(iso_set) TERMINATE(ev) TERMINATE(image_mode) TERMINATE(color_mode) TERMINATE(wb)
-    TERMINATE(ratio) TERMINATE(video_std) TERMINATE(antiflicker) TERMINATE(pl_state) TERMINATE(pl_dur) TERMINATE(pl_time)
+    TERMINATE(ratio) TERMINATE(video_std) TERMINATE(antiflicker) TERMINATE(pl_state) TERMINATE(pl_dur)
+    TERMINATE(pl_time)
 #undef TERMINATE
     s.wb_temp = 3.0e38f;
     uint8_t line[kStatusLineMaximumSize + 1];
@@ -40,7 +41,8 @@ TEST(ScaledField, TruncatesTowardZeroAndKeepsTheLowBits)
     const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
     const struct { float value, scale; uint16_t sent; } cases[] = {
         {0.9999f, 1000, 999}, {0.0005f, 1000, 0}, {-0.5f, 1000, 0}, {65.536f, 1000, 0}, {65.537f, 1000, 1},
-        {1.0f, 65535, 65535}, {2.0f, 65535, 65534}, {-0.0f, 65535, 0}, {1e30f, 1, 0xffff}, {nan, 1, 0}, {inf, 1, 0xffff}};
+        {1.0f, 65535, 65535}, {2.0f, 65535, 65534}, {-0.0f, 65535, 0}, {1e30f, 1, 0xffff}, {nan, 1, 0},
+        {inf, 1, 0xffff}};
     for (const auto& c : cases)
         EXPECT_EQ(ScaledField(c.value, c.scale), c.sent) << c.value << " x " << c.scale;
 }

@@ -56,13 +56,13 @@ TEST_F(JsonCommandsTest, KeysIgnoreCaseWordsDoNot)
 TEST_F(JsonCommandsTest, MalformedDroppedAndCutDatagrams)
 {
     const std::string shot = R"({"cmd":"shot"})";
-    for (const std::string bad : {R"({"cmd":"shot")", R"({"cmd":"shot",})", R"({cmd:"shot"})", "", "   ", "\x01\xff{"}) {
+    for (const std::string bad : {R"({"cmd":"shot")", R"({"cmd":"shot",})", R"({cmd:"shot"})", "", " ", "\x01\xff{"}) {
         Expect("!" + bad, {}, "Malformed JSON command from app: " + bad + "\n");
         Check({{shot, {kShot}, "Camera shot\n"}});
     }
     // Neither "!" nor 05 01 first: nothing at all, not even a log line.
     for (const std::string& datagram : {shot, " !" + shot, std::string("\x05"), std::string("\x05\x02\xfe\xff"),
-                                        std::string("\x05\x01\xfe\xff"), std::string(1, '\0'), std::string(9000, '\xff')})
+                                        std::string("\x05\x01\xfe\xff"), std::string(1, 0), std::string(9000, '\xff')})
         Expect(datagram, {}, "");
     // The text ends at the first zero byte, and the parser stops after the object.
     Expect("!" + shot + std::string(1, '\0') + R"(,"cmd":"record","param":"start"})", {kShot},
