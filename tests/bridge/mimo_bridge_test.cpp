@@ -31,13 +31,11 @@ TEST(NatRuleCommand, FormatsTheRuleOrRefusesTextsTheShellWouldRead)
         memset(command, 'x', sizeof command);
         int result = FormatNatRuleCommand(command, sizeof command, rule.ap_iface, rule.host, rule.port);
         EXPECT_EQ(result, rule.command_middle != nullptr ? 0 : -1);
-        if (rule.command_middle != nullptr) {
-            EXPECT_EQ(std::string(command), std::string("iptables -t nat -I PREROUTING -i ") + rule.command_middle +
-                                                " -j REDIRECT --to-ports 9004");
-        }
+        EXPECT_EQ(std::string(command), rule.command_middle == nullptr ? std::string()
+                                        : "iptables -t nat -I PREROUTING -i " + std::string(rule.command_middle) +
+                                              " -j REDIRECT --to-ports 9004");
         // The buffer is zeroed first: nothing of an earlier text is left behind it (all of it when refused).
         for (size_t i = strlen(command); i < sizeof command; ++i)
             ASSERT_EQ(command[i], '\0') << "at " << i;
-        EXPECT_TRUE(rule.command_middle != nullptr || command[0] == '\0');
     }
 }

@@ -11,8 +11,8 @@
 
 // Full path of a program, looked up in the sbin and bin folders first; empty when there is none.
 std::string FindProgram(const std::string& name);
-// Runs command[0] (looked up with FindProgram) and waits; stdout and stderr go to *output. Returns the exit
-// code, 127 when the program is missing, -1 when it cannot be started.
+// Runs command[0] (looked up in the sbin and bin folders too) and waits; stdout and stderr go to *output.
+// Returns the exit code, 127 when the program is missing, -1 when it cannot be started.
 int RunProgram(const std::vector<std::string>& command, std::string* output = nullptr);
 
 class NetworkNamespace {
@@ -23,8 +23,6 @@ public:
     NetworkNamespace& operator=(const NetworkNamespace&) = delete;
 
     const std::string& name() const { return name_; }
-    // {path of ip, "netns", "exec", name}: prefix a command line with it to run it inside.
-    std::vector<std::string> ExecPrefix() const;
     int Run(const std::vector<std::string>& command, std::string* output = nullptr) const;
     // A UDP peer whose socket lives in this namespace, bound to host:port (0: any).
     std::unique_ptr<UdpPeer> NewPeer(const char* host, uint16_t port) const;
