@@ -29,10 +29,6 @@ constexpr float kTrackingBoxY = 0.5f;
 constexpr float kTrackingBoxW = 0.1f;
 constexpr float kTrackingBoxH = 0.17f;
 
-// Modes of CameraState::mode_code.
-constexpr uint8_t kModePhoto = 0;
-constexpr uint8_t kModeVideo = 1;
-
 // The remote-control thread's own state. StartRemoteControl writes it before
 // the thread starts; from then on only the thread touches it. Static storage:
 // everything starts at zero, last_ev_index included (it is never reset).
@@ -71,9 +67,9 @@ void ToggleCameraMode()
         CameraStateGuard guard(camera_state_lock);
         mode = rc.camera->mode_code;
     }
-    if (mode == kModeVideo)
+    if (mode == kCameraModeVideo)
         CameraSetMode("photo");
-    else if (mode == kModePhoto)
+    else if (mode == kCameraModePhoto)
         CameraSetMode("video");
 }
 
@@ -187,9 +183,9 @@ void ServeLevel(int32_t* edge, int sign)
         CameraStateGuard guard(camera_state_lock);
         mode = rc.camera->mode_code;
     }
-    if (mode == kModeVideo)
+    if (mode == kCameraModeVideo)
         CameraRecord(sign != 0);
-    if (mode == kModePhoto && sign != 0)
+    if (mode == kCameraModePhoto && sign != 0)
         CameraShot();
 }
 

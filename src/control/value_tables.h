@@ -362,11 +362,14 @@ inline constexpr SettingCode kFocusTypeRows[] = {
 };
 inline constexpr SettingTable FocusTypeCodes = MakeSettingTable(kFocusTypeRows, kSendNothing, "");
 
-// Camera mode.
+// Camera mode; the remote control tells photo from video by these codes too.
+constexpr uint8_t kCameraModePhoto = 0;
+constexpr uint8_t kCameraModeVideo = 1;
+constexpr uint8_t kCameraModePlayback = 7;
 inline constexpr SettingCode kCameraModeRows[] = {
-    {"photo", 0, "photo"},
-    {"video", 1, "video"},
-    {"playback", 7, "playback"},
+    {"photo", kCameraModePhoto, "photo"},
+    {"video", kCameraModeVideo, "video"},
+    {"playback", kCameraModePlayback, "playback"},
 };
 inline constexpr SettingTable CameraModeCodes = MakeSettingTable(kCameraModeRows, kSendNothing, "unknown");
 

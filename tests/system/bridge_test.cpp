@@ -57,6 +57,13 @@ std::vector<uint8_t> PhoneDatagram(uint8_t number)
 // Pings and acks carry the camera's last sequence number, so `pings` and `acks` tell what the daemon did
 // while it held which camera datagrams, however late the test itself looks.
 struct Rig {
+    Rig(std::unique_ptr<UdpPeer> camera_peer, std::unique_ptr<UdpPeer> phone_peer, std::string daemon_side,
+        std::string phone_target, uint16_t port)
+        : camera(std::move(camera_peer)), phone(std::move(phone_peer)), daemon_host(std::move(daemon_side)),
+          camera_host(std::move(phone_target)), camera_port(port)
+    {
+    }
+
     std::unique_ptr<UdpPeer> camera, phone;
     std::string daemon_host, camera_host;  // the daemon's camera side; where the phone sends
     uint16_t camera_port;
