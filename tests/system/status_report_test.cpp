@@ -26,16 +26,22 @@ const char kEmptyStatusText[] =
     "aperture=,shutter=,shutter_set=,iso=0,iso_set=,ev=,image_mode=,color_mode=,wb=,wb_temp=0,"
     "ratio=,sensor=0,video_std=,antiflicker=,histogram=0,pl_state=,pl_id=0,pl_dur=,pl_time=,";
 
-// The six bytes of "/shared_camstate", after checking its size.
+// The six bytes of "/shared_camstate" once the daemon has sized it (it says it opened the object before it sizes
+// it, so the size is waited for, up to a second); empty when it never gets its size.
 Bytes AttitudeRegion()
 {
-    int fd = shm_open("/shared_camstate", O_RDONLY, 0);
     Bytes region(6);
-    if (fd < 0 || lseek(fd, 0, SEEK_END) != 6 || pread(fd, region.data(), 6, 0) != 6)
-        region.clear();
-    if (fd >= 0)
-        close(fd);
-    return region;
+    const auto end = Clock::now() + std::chrono::seconds(1);
+    for (;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+        int fd = shm_open("/shared_camstate", O_RDONLY, 0);
+        bool sized = fd >= 0 && lseek(fd, 0, SEEK_END) == 6 && pread(fd, region.data(), 6, 0) == 6;
+        if (fd >= 0)
+            close(fd);
+        if (sized)
+            return region;
+        if (Clock::now() >= end)
+            return Bytes();
+    }
 }
 
 class StatusReportTest : public ::testing::Test {
