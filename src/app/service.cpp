@@ -11,6 +11,7 @@
 #include "bridge/mimo_bridge.h"
 #include "camera/camera_link.h"
 #include "net/clock.h"
+#include "net/shared_memory.h"
 #include "state/camera_state.h"
 #include "video/frame_buffer.h"
 
@@ -91,6 +92,7 @@ void RunService(int argc, char** argv)
 
     for (;;) {
         bridge_endpoint.CheckPeerTimeout();
+        SharedMemoryWatch();
         SleepMs(kIdlePeriodMs);
     }
 }

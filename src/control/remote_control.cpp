@@ -15,6 +15,7 @@
 #include "control/setting_commands.h"
 #include "control/value_tables.h"
 #include "net/clock.h"
+#include "net/shared_memory.h"
 #include "state/camera_state.h"
 
 namespace {
@@ -34,7 +35,8 @@ constexpr float kTrackingBoxH = 0.17f;
 // everything starts at zero, last_ev_index included (it is never reset).
 struct RcControlState {
     RcRawState* record;                  // null until mapped; then a whole mapping for ever
-    int record_fd;
+    SharedMapping mapping;               // the record's (see net/shared_memory.h)
+    RcRawState snapshot;                 // the record as this cycle reads it
     CameraState* camera;
     int32_t edge_state[kRcSlotCount];    // the sign that last acted, per slot
     int32_t last_ev_index;               // EvNames index last sent by the EV axis
@@ -287,13 +289,31 @@ void WatchTracking()
         fputs("Tracking lost\n", stderr);
 }
 
+// The slots and flags as the remote-control process left them, copied once
+// per cycle; neutral (all zero: sticks centred, nothing pressed, no flag)
+// while the mapping does not show the object, or when it was spoilt or
+// restored during the copy.
+const RcRawState* TakeSnapshot()
+{
+    RcRawState* snapshot = &rc.snapshot;
+    uint32_t generation = SharedMemoryGeneration(&rc.mapping);
+    bool usable = SharedMemoryUsable(&rc.mapping);
+    for (size_t slot = 0; usable && slot < kRcSlotCount; ++slot) {
+        snapshot->slot_value[slot] = LoadRcSlotValue(rc.record, slot);
+        snapshot->slot_flag[slot] = LoadRcSlotFlag(rc.record, slot);
+    }
+    if (!usable || !SharedMemoryUsable(&rc.mapping) || SharedMemoryGeneration(&rc.mapping) != generation)
+        memset(snapshot, 0, sizeof *snapshot);
+    return snapshot;
+}
+
 // One cycle after the camera's stream has been seen; returns the time to
 // sleep before the next.
 uint32_t RemoteControlCycle()
 {
     if (rc.record == nullptr && static_cast<uint32_t>(NowMs() - rc.last_open_attempt_ms) >= kRcReopenIntervalMs)
         OpenRcRawState();
-    const RcRawState* record = rc.record;
+    const RcRawState* record = rc.record != nullptr ? TakeSnapshot() : nullptr;
     if (record != nullptr) {
         for (int i = 0; i < kStickCount; ++i)
             rc.axis_copy[i] = LoadRcSlotValue(record, kRcSlotStick0 + i);
@@ -331,22 +351,21 @@ int StartRemoteControl()
 
 RcRawState* OpenRcRawState()
 {
-    int fd = -1;
-    bool missing = false;
-    RcRawState* record = MapRcRawState(kRcRawStateName, &fd, &missing);
+    SharedMemoryOrigin origin = SharedMemoryOrigin::kOpened;
+    bool mapped = SharedMemoryMap(&rc.mapping, kRcRawStateName, kRcRawStateSize, false, nullptr, nullptr, &origin) == 0;
     // After a failure the retries stay quiet until one succeeds.
-    if (record != nullptr || !rc.open_failed)
-        fputs(missing ? "Creating new shared raw RC\n" : "Shared raw RC mem opened\n", stderr);
-    if (record == nullptr) {
+    if (mapped || !rc.open_failed)
+        fputs(origin == SharedMemoryOrigin::kCreated ? "Creating new shared raw RC\n" : "Shared raw RC mem opened\n",
+              stderr);
+    if (!mapped) {
         if (!rc.open_failed)
             fputs("Shared raw RC unavailable, retrying\n", stderr);
         rc.open_failed = true;
         rc.last_open_attempt_ms = NowMs();
         return nullptr;
     }
-    rc.record = record;
-    rc.record_fd = fd;  // stays open, like the mapping
-    return record;
+    rc.record = reinterpret_cast<RcRawState*>(rc.mapping.base);
+    return rc.record;
 }
 
 void* RemoteControlLoop(void*)

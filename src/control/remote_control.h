@@ -33,9 +33,12 @@
 // shared raw RC" / "Shared raw RC mem opened" line is written when a retry
 // succeeds. The record pointer is only ever null or a complete 1504-byte
 // mapping, so the cycle never reads through an invalid mapping. A failed
-// attempt closes its descriptor, so retries leak nothing. (A writer that
-// later shrinks the object below 1504 bytes is not guarded against: reads
-// past its end would fault.) A thread that cannot be started is reported as
+// attempt closes its descriptor, so retries leak nothing. A writer that later
+// shrinks or replaces the object cannot make a read fault (see
+// net/shared_memory.h): the cycle copies the slots once per cycle and reads
+// neutral input (sticks centred, nothing pressed) while the mapping does not
+// show the object; the service's watch restores it within about a second.
+// A thread that cannot be started is reported as
 // "Remote control thread not started\n"; the relay runs on without it.
 #include <cstddef>
 #include <cstdint>

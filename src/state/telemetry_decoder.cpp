@@ -1,10 +1,5 @@
 #include "state/telemetry_decoder.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +8,7 @@
 #include "control/camera_commands.h"
 #include "control/value_tables.h"
 #include "net/clock.h"
+#include "net/shared_memory.h"
 #include "state/report_texts.h"
 
 namespace {
@@ -58,33 +54,40 @@ uint32_t StampNow()
 }
 
 // The shared attitude region, opened at most once (by the camera receive
-// thread, the only caller of the decoder); on failure it stays null.
+// thread, the only caller of the decoder); on failure it stays null. Its
+// repairs (another process shrinking or replacing it) are the shared-memory
+// watch's; the pointer never changes.
 std::atomic<bool> shared_attitude_tried{false};
+SharedMapping shared_attitude_mapping;
 uint8_t* shared_attitude = nullptr;
 const char* shared_attitude_name = kSharedAttitudeName;
+
+void SayAttitudeOpened(SharedMemoryOrigin origin)
+{
+    fputs(origin == SharedMemoryOrigin::kOpened ? "Shared cam state mem opened\n" : "Creating new shared cam state\n",
+          stderr);
+}
 
 void OpenSharedAttitude()
 {
     if (shared_attitude_tried.exchange(true))
         return;
-    int fd = shm_open(shared_attitude_name, O_RDWR, 0600);
-    if (fd >= 0) {
-        fputs("Shared cam state mem opened\n", stderr);
-    } else {
-        fputs("Creating new shared cam state\n", stderr);
-        fd = shm_open(shared_attitude_name, O_RDWR | O_CREAT, 0600);
-    }
-    void* mapping = MAP_FAILED;
-    if (fd >= 0 && ftruncate(fd, kSharedAttitudeSize) == 0)
-        mapping = mmap(nullptr, kSharedAttitudeSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (mapping == MAP_FAILED) {
+    // A region left by an earlier run keeps its contents.
+    if (SharedMemoryMap(&shared_attitude_mapping, shared_attitude_name, kSharedAttitudeSize, false, nullptr,
+                        SayAttitudeOpened, nullptr) != 0) {
         fputs("Shared cam state not available\n", stderr);
-        if (fd >= 0)
-            close(fd);
         return;
     }
-    // The descriptor stays open with the mapping for the life of the process.
-    shared_attitude = static_cast<uint8_t*>(mapping);
+    shared_attitude = shared_attitude_mapping.base;
+}
+
+// Each angle is one aligned 16-bit store, so a reader never sees half of an
+// old value beside half of a new one.
+void PublishAttitude(const int16_t* angles)
+{
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the region's angles are little-endian");
+    for (int i = 0; i < 3; ++i)
+        __atomic_store_n(reinterpret_cast<int16_t*>(shared_attitude) + i, angles[i], __ATOMIC_RELAXED);
 }
 
 void DecodeGimbalState(CameraState* state, const Payload& p)
@@ -144,10 +147,8 @@ void DecodeGimbalAttitude(CameraState* state, const Payload& p)
     int32_t folded = angle < 0 ? -1800 - angle : (angle > 0 ? 1800 - angle : 0);
     state->gimbal_attitude[1] = static_cast<int16_t>(folded);
     state->gimbal_attitude[2] = static_cast<int16_t>(-static_cast<int32_t>(p.U16(r::kAngle2)));
-    if (shared_attitude != nullptr) {
-        for (int i = 0; i < 3; ++i)
-            WriteLe16(shared_attitude + 2 * i, static_cast<uint16_t>(state->gimbal_attitude[i]));
-    }
+    if (shared_attitude != nullptr)
+        PublishAttitude(state->gimbal_attitude);
     memcpy(state->gimbal_limits, kGimbalLimits, sizeof state->gimbal_limits);
     state->gimbal_mode_flag = (p.U8(r::kModeBits) & 0x80) ? 0 : 1;
 }

@@ -1,13 +1,12 @@
 #include "video/frame_buffer.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 
 #include "app/files.h"
+#include "net/shared_memory.h"
 #include "video/frame_ring.h"
 #include "video/include/h264parse.h"
 
@@ -26,38 +25,37 @@ struct VideoStreamState {
 VideoStreamState video_stream;
 H264BitReader parameter_set_reader;
 
-constexpr mode_t kRegionMode = 0600;
 constexpr size_t kDecimalCapacity = 12;
 
-// Opens the region, creating it when it does not exist, sizes it and maps it
-// read-write; then byte 0 is 1 and every other byte 0. Returns the mapping,
-// or null.
-uint8_t* OpenRegion(const char* name, uint32_t size)
+SharedMapping frame_buffer_mapping;
+SharedMapping transcoding_mapping;
+
+// At start-up each region is all zero bytes but byte 0, which is 1 (for the
+// ring: clear_request).
+void FillAsAtStart(uint8_t* region, size_t size)
 {
-    int fd = shm_open(name, O_RDWR, kRegionMode);
-    if (fd < 0)
-        fd = shm_open(name, O_RDWR | O_CREAT, kRegionMode);
-    if (fd < 0)
-        return nullptr;
-    if (ftruncate(fd, size) != 0 || posix_fallocate(fd, 0, size) != 0) {
-        close(fd);
-        return nullptr;
-    }
-    void* mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    if (mapping == MAP_FAILED)
-        return nullptr;
-    uint8_t* region = static_cast<uint8_t*>(mapping);
     memset(region, 0, size);
     region[0] = 1;
-    return region;
 }
 
-void ReleaseRegion(uint8_t** region, uint32_t size)
+// A ring that another process spoilt while the service runs: its reader is
+// told through clear_request, and the writer clears it whole before its next
+// part, as after start-up. (The writer may be writing at this moment, so the
+// clear is left to it.)
+void RequestRingClear(uint8_t* region, size_t)
 {
-    if (*region != nullptr)
-        munmap(*region, size);
-    *region = nullptr;
+    RingStoreField(region, kRingClearRequestOffset, 1);
+}
+
+// Maps the region (see the header) and fills it as at start-up; `repair`
+// brings it back to that state after another process spoilt it.
+uint8_t* OpenRegion(SharedMapping* mapping, const char* name, uint32_t size, SharedMemoryInit repair)
+{
+    if (SharedMemoryMap(mapping, name, size, true, nullptr, nullptr, nullptr) != 0)
+        return nullptr;
+    FillAsAtStart(mapping->base, size);
+    mapping->init = repair;
+    return mapping->base;
 }
 
 void WriteDecimalFile(const char* path, uint32_t value)
@@ -88,22 +86,25 @@ int InitFrameBuffers()
 {
     unlink(kVideoWidthPath);
     unlink(kVideoHeightPath);
-    ReleaseRegion(&video_stream.frame_buffer, video_stream.frame_buffer_size);
-    ReleaseRegion(&video_stream.transcoding_buffer, video_stream.transcoding_buffer_size);
+    SharedMemoryUnmap(&frame_buffer_mapping);
+    SharedMemoryUnmap(&transcoding_mapping);
+    video_stream.frame_buffer = nullptr;
+    video_stream.transcoding_buffer = nullptr;
     video_stream.width = 0;
     video_stream.height = 0;
 
     video_stream.frame_buffer_size = kFrameBufferSize;
     fprintf(stderr, "Init frame buffer %d bytes\n", static_cast<int>(video_stream.frame_buffer_size));
     video_stream.part_counter = 0;
-    video_stream.frame_buffer = OpenRegion(kFrameBufferName, video_stream.frame_buffer_size);
+    video_stream.frame_buffer = OpenRegion(&frame_buffer_mapping, kFrameBufferName, video_stream.frame_buffer_size, RequestRingClear);
     if (video_stream.frame_buffer == nullptr)
         return -1;
 
     video_stream.transcoding_buffer_size = kTranscodingFrameBufferSize;
     fprintf(stderr, "Init frame buffer for transcoding %d bytes\n",
             static_cast<int>(video_stream.transcoding_buffer_size));
-    video_stream.transcoding_buffer = OpenRegion(kTranscodingFrameBufferName, video_stream.transcoding_buffer_size);
+    video_stream.transcoding_buffer = OpenRegion(&transcoding_mapping, kTranscodingFrameBufferName,
+                                                video_stream.transcoding_buffer_size, FillAsAtStart);
     if (video_stream.transcoding_buffer == nullptr)
         return -1;
     return 0;
