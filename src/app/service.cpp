@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "app/config.h"
-#include "app/files.h"
+#include "net/files.h"
 #include "app/main_app_link.h"
 #include "bridge/mimo_bridge.h"
 #include "camera/camera_link.h"

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/files.h"
+#include "net/files.h"
 #include "net/shared_memory.h"
 #include "video/frame_ring.h"
 #include "video/include/h264parse.h"

@@ -15,7 +15,7 @@
 #include <functional>
 #include <sstream>
 
-#include "app/files.h"
+#include "net/files.h"
 #include "bridge/mimo_bridge.h"
 #include "camera/camera_side.h"
 #include "camera/frame.h"

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "app/files.h"
+#include "net/files.h"
 #include "support/isolation.h"
 #include "video/frame_buffer.h"
 #include "video/frame_ring.h"

@@ -1,0 +1,146 @@
+// The shared-memory module against another "process" (this test, through its own descriptors): an object cut short
+// under a thread that writes through the mapping, one removed, one replaced. Sizes and contents are read back with
+// pread, never through a mapping of the test's own.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "net/shared_memory.h"
+
+namespace {
+
+constexpr size_t kSize = 3 * 4096 + 100;
+
+std::atomic<int> init_calls{0};
+void MarkFirstByte(uint8_t* base, size_t)
+{
+    base[0] = 0x5a;
+    ++init_calls;
+}
+
+struct ObjectView {
+    explicit ObjectView(const std::string& name) : name(name) {}
+    ~ObjectView() { shm_unlink(name.c_str()); }
+    off_t Size() const
+    {
+        int fd = shm_open(name.c_str(), O_RDONLY, 0);
+        struct stat status;
+        off_t size = fd >= 0 && fstat(fd, &status) == 0 ? status.st_size : -1;
+        if (fd >= 0)
+            close(fd);
+        return size;
+    }
+    int Byte(off_t offset) const
+    {
+        int fd = shm_open(name.c_str(), O_RDONLY, 0);
+        uint8_t byte = 0;
+        bool read = fd >= 0 && pread(fd, &byte, 1, offset) == 1;
+        if (fd >= 0)
+            close(fd);
+        return read ? byte : -1;
+    }
+    void Truncate(off_t size) const
+    {
+        int fd = shm_open(name.c_str(), O_RDWR, 0);
+        ASSERT_TRUE(fd >= 0 && ftruncate(fd, size) == 0);
+        close(fd);
+    }
+    std::string name;
+};
+
+TEST(SharedMemory, CutShortUnderAWriterThenRemovedThenReplaced)
+{
+    ObjectView object("/tarnwick-shm-test-" + std::to_string(getpid()));
+    SharedMapping mapping;
+    SharedMemoryOrigin origin = SharedMemoryOrigin::kOpened;
+    ASSERT_EQ(SharedMemoryMap(&mapping, object.name.c_str(), kSize, false, MarkFirstByte, nullptr, &origin), 0);
+    EXPECT_EQ(origin, SharedMemoryOrigin::kCreated);
+    EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
+    EXPECT_EQ(object.Byte(0), 0x5a);
+    uint8_t* const base = mapping.base;
+    EXPECT_EQ(SharedMemoryWatch(), 0) << "nothing to repair";
+
+    // A writer thread goes on through the mapping while the object is cut to nothing: no fault.
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (uint8_t value = 0; !stop.load(); ++value)
+            memset(base + 1, value, kSize - 1);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const uint32_t before = SharedMemoryGeneration(&mapping);
+    object.Truncate(0);
+    while (SharedMemoryUsable(&mapping))
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_NE(SharedMemoryGeneration(&mapping), before);
+    EXPECT_EQ(object.Size(), 0);
+    EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_TRUE(SharedMemoryUsable(&mapping));
+    EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
+    EXPECT_EQ(object.Byte(0), 0x5a) << "the initialiser ran again";
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_NE(object.Byte(kSize - 1), 0) << "the writer reaches the object again";
+    stop = true;
+    writer.join();
+    EXPECT_EQ(mapping.base, base);
+
+    // Shrunk but never touched: found by its size.
+    object.Truncate(10);
+    EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
+
+    // Removed: created anew.
+    ASSERT_EQ(shm_unlink(object.name.c_str()), 0);
+    EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
+    base[kSize - 1] = 0x77;
+    EXPECT_EQ(object.Byte(kSize - 1), 0x77);
+
+    // Replaced by another, too short: mapped anew at the same address, sized.
+    ASSERT_EQ(shm_unlink(object.name.c_str()), 0);
+    int other = shm_open(object.name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_TRUE(other >= 0 && ftruncate(other, 5) == 0);
+    close(other);
+    const int calls = init_calls.load();
+    EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(init_calls.load(), calls + 1);
+    EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
+    base[kSize - 2] = 0x66;
+    EXPECT_EQ(object.Byte(kSize - 2), 0x66);
+    EXPECT_EQ(object.Byte(0), 0x5a);
+
+    SharedMemoryUnmap(&mapping);
+    EXPECT_EQ(SharedMemoryWatch(), 0);
+}
+
+// A bus error outside every registered mapping is a real fault: the process still dies of it.
+TEST(SharedMemoryDeathTest, AFaultOutsideEveryMappingStillEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ObjectView registered("/tarnwick-shm-registered-" + std::to_string(getpid()));
+    SharedMapping mapping;
+    ASSERT_EQ(SharedMemoryMap(&mapping, registered.name.c_str(), 4096, false, nullptr, nullptr, nullptr), 0);
+    auto touch_a_cut_file = [] {
+        FILE* file = tmpfile();
+        if (file == nullptr || ftruncate(fileno(file), 4096) != 0)
+            _exit(0);
+        auto* page = static_cast<volatile uint8_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED,
+                                                         fileno(file), 0));
+        if (ftruncate(fileno(file), 0) != 0)
+            _exit(0);
+        page[0] = 1;
+        _exit(0);
+    };
+    // Killed by SIGBUS, or ended by a sanitizer runtime that reports it: anything but a clean exit.
+    EXPECT_EXIT(touch_a_cut_file(), [](int status) { return !(WIFEXITED(status) && WEXITSTATUS(status) == 0); }, "");
+    SharedMemoryUnmap(&mapping);
+}
+
+}  // namespace
