@@ -11,6 +11,7 @@ UdpEndpoint bridge_endpoint;
 
 namespace {
 
+constexpr size_t kInterfaceNameLimit = 15;   // IFNAMSIZ less its terminator
 constexpr const char* kNatRuleFormat =
     "iptables -t nat -I PREROUTING -i %s --src 0/0 --dst %s -p udp --dport %d -j REDIRECT --to-ports %d";
 
@@ -20,17 +21,36 @@ std::atomic<bool> mimo_connected{false};
 
 uint8_t receive_buffer[kMimoReceiveBufferSize];
 
-// Characters of interface names ("wlan0", "ap+", "br-lan") and dotted
-// addresses, and the blank that stands for a line end of the name file:
-// none of them means anything to the shell.
-bool IsShellInert(const char* text)
+bool IsNameCharacter(char c)
 {
-    for (const char* c = text; *c != '\0'; ++c) {
-        bool inert = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9') ||
-                     strchr("._-+ ", *c) != nullptr;
-        if (!inert)
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || strchr("._-+", c) != nullptr;
+}
+
+// An interface name that reaches the shell as one word and iptables as a
+// name, not an option: 1 to 15 letters, digits and ". _ - +", not starting
+// with "-". Blanks at its end stand for the line end of the name file and are
+// not part of it; any other blank is refused.
+bool IsInterfaceName(const char* text)
+{
+    size_t length = strlen(text);
+    while (length > 0 && text[length - 1] == ' ')
+        --length;
+    if (length == 0 || length > kInterfaceNameLimit || text[0] == '-')
+        return false;
+    for (size_t i = 0; i < length; ++i)
+        if (!IsNameCharacter(text[i]))
             return false;
-    }
+    return true;
+}
+
+// A dotted address (inet_aton's forms): letters, digits and dots only.
+bool IsHostText(const char* text)
+{
+    if (*text == '\0')
+        return false;
+    for (const char* c = text; *c != '\0'; ++c)
+        if (!((*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9') || *c == '.'))
+            return false;
     return true;
 }
 
@@ -56,7 +76,7 @@ int FormatNatRuleCommand(char* out, size_t capacity, const char* ap_iface, const
     if (capacity == 0)
         return -1;
     memset(out, 0, capacity);
-    if (!IsShellInert(ap_iface) || !IsShellInert(camera_host))
+    if (!IsInterfaceName(ap_iface) || !IsHostText(camera_host))
         return -1;
     snprintf(out, capacity, kNatRuleFormat, ap_iface, camera_host, camera_port, kMimoBridgePort);
     return 0;
@@ -66,9 +86,10 @@ int MimoBridgeInit(const char* camera_host, int32_t camera_port, const char* ap_
 {
     static char command[kNatCommandCapacity];
     if (FormatNatRuleCommand(command, sizeof command, ap_iface, camera_host, camera_port) == 0) {
-        // The rule's fate is not looked at: without privilege, without an
-        // interface name or without NAT support the bridge port still opens,
-        // it only sees no phone traffic through the access point.
+        // The rule's fate is not looked at: without privilege or without NAT
+        // support the bridge port still opens, it only sees no phone traffic
+        // through the access point. Without a valid interface name nothing
+        // runs at all.
         int ignored = system(command);
         (void)ignored;
     }

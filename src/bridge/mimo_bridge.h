@@ -45,8 +45,12 @@ int MimoBridgeInit(const char* camera_host, int32_t camera_port, const char* ap_
 
 // Formats the iptables command that redirects the phone's traffic for
 // camera_host:camera_port arriving on ap_iface to the bridge port, into a
-// zeroed buffer of `capacity` bytes. Returns 0, or -1 when a text holds a
-// character that must not reach the shell (the buffer is then left empty).
+// zeroed buffer of `capacity` bytes. Returns 0, or -1 (the buffer then left
+// empty) unless ap_iface is an interface name (1 to 15 letters, digits and
+// ". _ - +", not starting with "-"; blanks at its end, which stand for the
+// name file's line end, are allowed and kept) and camera_host a dotted
+// address of letters, digits and dots: nothing else may reach the shell, and
+// an empty or option-like name would only make iptables complain.
 int FormatNatRuleCommand(char* out, size_t capacity, const char* ap_iface, const char* camera_host,
                          int32_t camera_port);
 

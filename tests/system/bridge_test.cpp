@@ -292,3 +292,41 @@ TEST(BridgeFallback, NoRuleTheDaemonGoesOn)
         EXPECT_EQ(daemon.WaitExit(500), -1) << "the daemon ended:\n" << daemon.Stderr();
     }
 }
+
+// The access-point name decides whether iptables runs at all: a name with a blank, one that would be an option, an
+// empty file or none run nothing (and so print nothing of iptables'); "ap0", with or without the file's line feed,
+// inserts the rule. An iptables in front of the real one logs every call; the bridge port opens in every case.
+TEST(BridgeInterfaceName, OnlyAValidNameRunsIptables)
+{
+    REQUIRE_ISOLATION();
+    const std::string real_iptables = FindProgram("iptables");
+    ASSERT_FALSE(real_iptables.empty()) << "iptables is missing: scripts/setup.sh installs it";
+    mkdir("/run/logging-bin", 0755);
+    WriteTextFile("/run/logging-bin/iptables",
+                  ("#!/bin/sh\necho \"$*\" >> /run/iptables-calls\nexec " + real_iptables + " \"$@\"\n").c_str());
+    ASSERT_EQ(chmod("/run/logging-bin/iptables", 0755), 0);
+    const struct {
+        const char* ap_iface_file;  // null: no file
+        bool runs;
+    } cases[] = {{"lo -j DROP", false}, {"-x\n", false}, {"", false}, {nullptr, false}, {"ap0", true}, {"ap0\n", true}};
+    for (const auto& with : cases) {
+        SCOPED_TRACE(with.ap_iface_file != nullptr ? "'" + std::string(with.ap_iface_file) + "'" : "no file");
+        RunProgram({"iptables", "-t", "nat", "-F", "PREROUTING"});
+        unlink("/run/iptables-calls");
+        WriteApInterfaceFile(with.ap_iface_file);
+        ChildProcess daemon;
+        ASSERT_TRUE(daemon.Start(FindProgram("env"), {"PATH=/run/logging-bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                                      DaemonPath(), "--host", "127.0.0.1", "--port", "19004"}));
+        ASSERT_TRUE(WaitUntilPortTaken(kMimoBridgePort, 10000)) << daemon.Stderr();   // after the rule's command
+        char calls[256];
+        ReadSmallFile("/run/iptables-calls", calls, sizeof calls);
+        EXPECT_EQ(std::string(calls), with.runs ? "-t nat -I PREROUTING -i ap0 --src 0/0 --dst 127.0.0.1 -p udp --dport 19004 -j "
+                                     "REDIRECT --to-ports 9004\n"
+                                   : "");
+        EXPECT_EQ(Rules(nullptr, "iptables").size(), with.runs ? 1u : 0u);
+        EXPECT_EQ(daemon.Stderr().find("iptables"), std::string::npos) << daemon.Stderr();
+        EXPECT_EQ(daemon.Stderr().find("Bad argument"), std::string::npos) << daemon.Stderr();
+        daemon.Kill();
+    }
+    RunProgram({"iptables", "-t", "nat", "-F", "PREROUTING"});
+}
