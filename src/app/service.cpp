@@ -12,6 +12,7 @@
 #include "camera/camera_link.h"
 #include "net/clock.h"
 #include "net/shared_memory.h"
+#include "net/shutdown.h"
 #include "state/camera_state.h"
 #include "video/frame_buffer.h"
 
@@ -57,10 +58,10 @@ void RunService(int argc, char** argv)
 
     SetDefaultConfig(&config);
     if (ParseOptions(argc, argv, &config) != 0)
-        exit(1);
+        ServiceExit(1);
     if (config.dst_port == 0 || config.dst_host[0] == '\0') {
         fputs("Destination host or port not set\n", stderr);
-        exit(1);
+        ServiceExit(1);
     }
     SleepMs(1000);
 
@@ -68,21 +69,21 @@ void RunService(int argc, char** argv)
     fputs("Init telemetry buffer\n", stderr);
     if (InitFrameBuffers() != 0) {
         fputs("Failed to init telemetry buffer\n", stderr);
-        exit(2);
+        ServiceExit(2);
     }
 
     Verbose("Using interface %s\n", config.iface);
     Verbose("Init connection to main application %s:%d\n", config.dst_host, config.dst_port);
     if (MainAppLinkInit(config.dst_host, config.dst_port) != 0) {
         Verbose("Failed\n");
-        exit(1);
+        ServiceExit(1);
     }
     Verbose("Done\n");
 
     Verbose("Init connection to camera %s:%d via iface %s\n", config.host, config.port, config.iface);
     if (CameraLinkInit(config.host, config.port) != 0) {
         Verbose("Failed\n");
-        exit(1);
+        ServiceExit(1);
     }
     Verbose("Done\n");
 

@@ -110,15 +110,17 @@ bool IsMimoConnected()
 
 void ForwardToPhone(const uint8_t* data, size_t length)
 {
-    // The flag spares the peer lock on every video datagram while no phone
-    // is there; the address itself is read as one consistent copy.
+    // On the camera receive thread, for every datagram: the flag spares even
+    // the atomic peer load while no phone is there, and the peer is read as
+    // one value, so no lock of the bridge is ever taken here.
     if (!mimo_connected.load() || data == nullptr || length == 0 || length > UINT16_MAX)
         return;
-    char phone_ip[kPeerIpCapacity];
-    uint16_t phone_port = bridge_endpoint.GetPeer(phone_ip);
-    if (phone_port == 0)
+    uint64_t phone = bridge_endpoint.peer_address.load(std::memory_order_acquire);
+    if (phone == 0)
         return;
-    bridge_endpoint.SendTo(data, static_cast<uint16_t>(length), phone_ip, phone_port);
+    struct sockaddr_in destination;
+    UnpackPeerAddress(phone, &destination);
+    bridge_endpoint.SendTo(data, static_cast<uint16_t>(length), destination);
 }
 
 void OnPhoneDatagram(uint8_t* buffer, uint16_t length, const char*, uint16_t)

@@ -8,10 +8,10 @@
 #include "camera/frame.h"
 #include "camera/reassembly.h"
 #include "net/clock.h"
+#include "net/shutdown.h"
 
 CameraLink camera_link;
-std::mutex camera_tx_lock;
-uint16_t tx_sequence = 0;
+std::atomic<uint16_t> tx_sequence{0};
 std::atomic<uint16_t> rx_sequence{0};
 
 namespace {
@@ -24,25 +24,35 @@ void OnCameraFound()
 void OnCameraLost()
 {
     fputs("Camera connection lost\n", stderr);
-    exit(1);
+    ServiceExit(1);
+}
+
+// Stores the address; true when it can be sent to.
+bool StoreAddress(const char* host, int32_t port)
+{
+    snprintf(camera_link.host, sizeof camera_link.host, "%s", host);
+    camera_link.port = port;
+    return port != 0 && camera_link.host[0] != '\0' &&
+           MakeUdpAddress(camera_link.host, static_cast<uint16_t>(port), &camera_link.address) == 0;
 }
 
 }  // namespace
 
 void CameraLinkSetAddress(const char* host, int32_t port)
 {
-    snprintf(camera_link.host, sizeof camera_link.host, "%s", host);
-    camera_link.port = port;
-    camera_link.address_valid = port != 0 && camera_link.host[0] != '\0' &&
-                                MakeUdpAddress(camera_link.host, static_cast<uint16_t>(port), &camera_link.address) == 0;
+    camera_link.address_valid.store(StoreAddress(host, port), std::memory_order_release);
 }
 
 int CameraLinkInit(const char* host, int32_t port)
 {
-    CameraLinkSetAddress(host, port);
+    // Commands may already be arriving (the main application's link opens
+    // first): they are dropped until the address and the socket are there,
+    // which the release store below publishes.
+    bool valid = StoreAddress(host, port);
     camera_link.last_datagram_ms.store(NowMs());
     if (camera_link.endpoint.Open(0) != 0)
         return -1;
+    camera_link.address_valid.store(valid, std::memory_order_release);
     UdpEndpoint& endpoint = camera_link.endpoint;
     endpoint.on_receive = OnCameraDatagram;
     endpoint.on_found = OnCameraFound;
@@ -55,9 +65,14 @@ int CameraLinkInit(const char* host, int32_t port)
     return 0;
 }
 
+uint16_t ReserveTxSequence()
+{
+    return tx_sequence.fetch_add(1, std::memory_order_relaxed);
+}
+
 void SendToCamera(const void* data, size_t length)
 {
-    if (!camera_link.address_valid)
+    if (!camera_link.address_valid.load(std::memory_order_acquire))
         return;
     camera_link.endpoint.SendTo(data, static_cast<uint16_t>(length), camera_link.address);
 }
@@ -67,35 +82,31 @@ void SendCameraPacket(uint8_t* frame, size_t length)
     if (frame == nullptr || length < kFrameMinimumSize || length > kFrameMaximumSize)
         return;
     uint8_t datagram[kCommandDatagramCapacity];
-    std::lock_guard<std::mutex> lock(camera_tx_lock);
-    SealCameraPacket(frame, length, tx_sequence);
+    SealCameraPacket(frame, length, ReserveTxSequence());
     size_t total = BuildCommandDatagram(datagram, frame, length, rx_sequence.load());
     SendToCamera(datagram, total);
-    ++tx_sequence;
 }
 
 void SendKeepAlive()
 {
     if (IsMimoConnected())
         return;
-    std::lock_guard<std::mutex> lock(camera_tx_lock);
+    uint16_t sequence = ReserveTxSequence();
     if (!IsCameraStreamSeen()) {
         SendToCamera(kConnectRequest, sizeof kConnectRequest);
     } else {
         uint8_t ping[kPingDatagramSize];
-        BuildPingDatagram(ping, rx_sequence.load(), tx_sequence);
+        BuildPingDatagram(ping, rx_sequence.load(), sequence);
         SendToCamera(ping, sizeof ping);
     }
-    ++tx_sequence;
 }
 
 void SendVideoAck()
 {
     uint8_t ack[kAckDatagramSize];
-    std::lock_guard<std::mutex> lock(camera_tx_lock);
+    ReserveTxSequence();   // an ack carries no number but advances it
     BuildAckDatagram(ack, rx_sequence.load());
     SendToCamera(ack, sizeof ack);
-    ++tx_sequence;
 }
 
 void OnCameraDatagram(uint8_t* buffer, uint16_t length, const char*, uint16_t)
@@ -113,7 +124,7 @@ void* CameraThread(void*)
         int32_t silent_ms = static_cast<int32_t>(NowMs() - camera_link.last_datagram_ms.load());
         if (silent_ms > static_cast<int32_t>(kCameraSilenceLimitMs)) {
             fputs("Telemetry receiving timeout\n", stderr);
-            exit(2);
+            ServiceExit(2);
         }
         SleepMs(kCameraThreadPeriodMs);
     }

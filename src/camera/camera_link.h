@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 #include <netinet/in.h>
 
@@ -19,15 +18,18 @@ constexpr size_t kCameraHostCapacity = 32;
 //
 // Threads: the camera endpoint's receive thread handles every datagram from
 // the camera; the camera thread sends keep-alives and watches for silence;
-// any thread may send a camera command. host and port are written before any
-// thread starts and only read afterwards.
+// any thread may send a camera command, the main application's even before
+// the link is initialised. host, port and address are written before
+// address_valid is set and only read after it is seen set.
 struct CameraLink {
     UdpEndpoint endpoint;
     std::atomic<uint32_t> last_datagram_ms{0};  // receive thread writes, camera thread reads
     int32_t port = 0;                           // 0: not set
     char host[kCameraHostCapacity] = {};        // empty: not set
     struct sockaddr_in address{};               // host:port converted once at initialisation
-    bool address_valid = false;                 // false: port 0, host empty or not dotted IPv4
+    // Set (release) once host, port, address and the endpoint's socket are
+    // there; false: not yet, or port 0, host empty or not dotted IPv4.
+    std::atomic<bool> address_valid{false};
     pthread_t thread{};
     uint8_t receive_buffer[kCameraReceiveBufferSize] = {};
 };
@@ -36,18 +38,22 @@ extern CameraLink camera_link;
 // Sequence counters of the link.
 //
 // tx_sequence numbers every datagram we send that carries or advances it (a
-// command frame, the ping, the connect request, a video acknowledgement). All
-// four senders take camera_tx_lock around reading the counter, building the
-// datagram, sending it and advancing the counter, so no two datagrams carry
-// one number and the order on the wire is the order of the numbers. The lock
-// is uncontended in steady state (one ack per video datagram, a ping per
-// second, a command now and then) and held only for one sendto.
+// command frame, the ping, the connect request, a video acknowledgement). Each
+// sender reserves its number with one atomic increment (ReserveTxSequence) and
+// sends without any lock, on a socket that never blocks: no two datagrams
+// carry one number, and no sender ever waits for another. The camera receive
+// thread sends an ack for every video datagram, so it must not queue behind a
+// command or the 50 Hz gimbal stream. The price: two datagrams sent by two
+// threads in the same microseconds may reach the wire in the other order than
+// their numbers.
 //
 // rx_sequence is written only by the camera endpoint's receive thread and read
 // by every sender: a single atomic value.
-extern std::mutex camera_tx_lock;
-extern uint16_t tx_sequence;                    // guarded by camera_tx_lock
+extern std::atomic<uint16_t> tx_sequence;
 extern std::atomic<uint16_t> rx_sequence;
+
+// The number for the next datagram that carries or advances tx_sequence.
+uint16_t ReserveTxSequence();
 
 // Opens the camera endpoint and starts the camera thread. Returns 0 or -1.
 int CameraLinkInit(const char* host, int32_t port);

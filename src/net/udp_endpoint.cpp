@@ -6,13 +6,35 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "net/clock.h"
+#include "net/shutdown.h"
 
 namespace {
+
+std::atomic<bool> receive_buffer_short_said{false};
+
+// Asks for kUdpSocketBufferBytes. The plain request is capped by the system's
+// maximum (net.core.rmem_max / wmem_max, about 200 KB by default), silently;
+// the forced one (root, CAP_NET_ADMIN) is not. When the receive buffer still
+// falls short, bursts of large video datagrams would be lost in the kernel:
+// that is said once.
+void SetSocketBuffer(int socket, int option, int force_option)
+{
+    int size = kUdpSocketBufferBytes;
+    if (setsockopt(socket, SOL_SOCKET, option, &size, sizeof size) != 0)
+        fputs(option == SO_RCVBUF ? "UDP receive buffer set failed\n" : "UDP send buffer set failed\n", stderr);
+    if (ObtainedSocketBuffer(socket, option) >= size)
+        return;
+    setsockopt(socket, SOL_SOCKET, force_option, &size, sizeof size);
+    int obtained = ObtainedSocketBuffer(socket, option);
+    if (option == SO_RCVBUF && obtained < size && !receive_buffer_short_said.exchange(true))
+        fprintf(stderr, "UDP receive buffer is %d bytes, %d asked: raise net.core.rmem_max\n", obtained, size);
+}
 
 void* ReceiveThreadMain(void* endpoint)
 {
@@ -34,11 +56,8 @@ int UdpEndpoint::Open(uint16_t port)
     if (flags >= 0)
         fcntl(socket, F_SETFL, flags & ~O_NONBLOCK);
 
-    int size = kUdpSocketBufferBytes;
-    if (setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0)
-        fputs("UDP receive buffer set failed\n", stderr);
-    if (setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) != 0)
-        fputs("UDP send buffer set failed\n", stderr);
+    SetSocketBuffer(socket, SO_RCVBUF, SO_RCVBUFFORCE);
+    SetSocketBuffer(socket, SO_SNDBUF, SO_SNDBUFFORCE);
     int broadcast = 1;
     setsockopt(socket, SOL_SOCKET, SO_BROADCAST, &broadcast, sizeof broadcast);
 
@@ -86,7 +105,7 @@ void UdpEndpoint::RunReceiveLoop()
                                     reinterpret_cast<struct sockaddr*>(&source), &source_length);
         if (received <= 0) {
             fputs("UDP read failed\n", stderr);
-            exit(3);
+            ServiceExit(3);
         }
 
         static_assert(kPeerIpCapacity >= INET_ADDRSTRLEN, "peer_ip holds a dotted IPv4 address");
@@ -95,14 +114,19 @@ void UdpEndpoint::RunReceiveLoop()
             last_source = source;
         }
         uint16_t source_port = ntohs(source.sin_port);
+        bool found;
         {
             std::lock_guard<std::mutex> lock(peer_lock);
             memcpy(peer_ip, source_ip_text, sizeof peer_ip);
             peer_port = source_port;
-            if (last_receive_ms == 0 && on_found != nullptr)
-                on_found();
+            found = last_receive_ms == 0;
             uint32_t now = NowMs();
             last_receive_ms = now != 0 ? now : 1;  // 0 is reserved for "no live peer"
+            peer_address.store(PackPeerAddress(source), std::memory_order_release);
+        }
+        if (found && on_found != nullptr) {
+            std::lock_guard<std::mutex> events(event_lock);
+            on_found();
         }
         if (on_receive != nullptr)
             on_receive(storage, static_cast<uint16_t>(received), source_ip_text, source_port);
@@ -111,16 +135,37 @@ void UdpEndpoint::RunReceiveLoop()
 
 void UdpEndpoint::CheckPeerTimeout()
 {
-    std::lock_guard<std::mutex> lock(peer_lock);
-    if (last_receive_ms == 0)
-        return;
-    if (NowMs() - last_receive_ms > timeout_ms) {
-        if (on_lost != nullptr)
-            on_lost();
-        peer_ip[0] = '\0';
-        peer_port = 0;
-        last_receive_ms = 0;
+    std::lock_guard<std::mutex> events(event_lock);
+    bool lost = false;
+    {
+        std::lock_guard<std::mutex> lock(peer_lock);
+        if (last_receive_ms != 0 && NowMs() - last_receive_ms > timeout_ms) {
+            peer_ip[0] = '\0';
+            peer_port = 0;
+            last_receive_ms = 0;
+            peer_address.store(0, std::memory_order_release);
+            lost = true;
+        }
     }
+    if (lost && on_lost != nullptr)
+        on_lost();
+}
+
+void UnpackPeerAddress(uint64_t packed, struct sockaddr_in* address)
+{
+    memset(address, 0, sizeof *address);
+    address->sin_family = AF_INET;
+    address->sin_addr.s_addr = static_cast<in_addr_t>(packed >> 16);
+    address->sin_port = htons(static_cast<uint16_t>(packed));
+}
+
+int ObtainedSocketBuffer(int socket, int option)
+{
+    int doubled = 0;
+    socklen_t length = sizeof doubled;
+    if (getsockopt(socket, SOL_SOCKET, option, &doubled, &length) != 0)
+        return 0;
+    return doubled / 2;
 }
 
 int MakeUdpAddress(const char* host, uint16_t port, struct sockaddr_in* address)
@@ -143,8 +188,11 @@ int UdpEndpoint::SendTo(const void* data, uint16_t length, const char* host, uin
 
 int UdpEndpoint::SendTo(const void* data, uint16_t length, const struct sockaddr_in& destination)
 {
-    ssize_t sent = sendto(socket, data, length, 0, reinterpret_cast<const struct sockaddr*>(&destination),
+    ssize_t sent = sendto(socket, data, length, MSG_DONTWAIT, reinterpret_cast<const struct sockaddr*>(&destination),
                           sizeof destination);
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS) &&
+        send_drops.fetch_add(1, std::memory_order_relaxed) == 0)
+        fprintf(stderr, "UDP send dropped: socket buffer full (port %u)\n", static_cast<unsigned>(LocalPort()));
     return sent < 0 ? -1 : static_cast<int>(sent);
 }
 

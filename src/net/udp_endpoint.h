@@ -16,18 +16,28 @@
 //
 // Peer fields (peer_ip, peer_port, last_receive_ms) are written by the receive
 // thread for every datagram and by CheckPeerTimeout on another thread, and are
-// read from further threads (the bridge forwards to its peer from the camera's
-// receive thread). All of them, and the on_found / on_lost calls, sit under
-// peer_lock: a reader never sees half an address, and a loss cannot be
-// declared in the middle of a datagram being recorded (nor a datagram recorded
-// between a loss and its on_lost). on_found and on_lost therefore run with
-// peer_lock held and must not call back into the endpoint. on_receive runs
-// without the lock and gets its own copy of the sender's address.
+// read from further threads. They sit under peer_lock, which every holder
+// keeps only for a few stores or loads: never across a system call, a
+// callback or a log line, so the receive thread (for the camera: the hot
+// video path) never waits behind another thread's slow work. peer_address
+// mirrors the peer as one atomic value for readers on hot paths (the bridge
+// forwards every camera datagram to its peer) that must take no lock at all.
+//
+// on_found and on_lost run outside peer_lock, in order, under event_lock:
+// CheckPeerTimeout holds it from deciding a loss to the end of on_lost, and
+// the receive thread takes it only for on_found, at the first datagram after
+// a loss (it may then wait for that on_lost to end, once). So "found" never
+// overtakes the "lost" before it. on_receive runs without any lock and gets
+// its own copy of the sender's address.
+//
+// Sends never block: a datagram that the socket's buffer cannot take now is
+// dropped and counted in send_drops (the network may drop it anyway), and the
+// first drop of an endpoint is said once on standard error.
 using UdpReceiveCallback = void (*)(uint8_t* buffer, uint16_t length, const char* peer_ip,
                                     uint16_t peer_port);
 using UdpEventCallback = void (*)();
 
-constexpr int kUdpSocketBufferBytes = 10000000;
+constexpr int kUdpSocketBufferBytes = 10000000;   // both directions; raised past net.core.rmem_max when root
 constexpr uint32_t kUdpDefaultTimeoutMs = 1000;
 constexpr int kPeerIpCapacity = 16;  // dotted IPv4, 15 characters and a terminator
 
@@ -45,6 +55,9 @@ struct UdpEndpoint {
     int socket = -1;
     uint32_t last_receive_ms = 0;         // guarded by peer_lock; 0: no live peer
     std::mutex peer_lock;
+    std::mutex event_lock;                // orders on_found / on_lost, see above
+    std::atomic<uint64_t> peer_address{0};   // PackPeerAddress of the peer; 0: none
+    std::atomic<uint32_t> send_drops{0};
     // The source of the last datagram as the socket gave it, so that peer_ip
     // is formatted only when the sender changes (receive thread only).
     struct sockaddr_in last_source{};
@@ -68,6 +81,18 @@ struct UdpEndpoint {
     // The local port the socket is bound to, or 0 when not open.
     uint16_t LocalPort() const;
 };
+
+// A peer as one value: the address in network order and the port; 0 for none.
+inline uint64_t PackPeerAddress(const struct sockaddr_in& address)
+{
+    return static_cast<uint64_t>(address.sin_addr.s_addr) << 16 | ntohs(address.sin_port);
+}
+// The socket address of a packed peer.
+void UnpackPeerAddress(uint64_t packed, struct sockaddr_in* address);
+
+// What a socket buffer request obtained: the kernel reports twice the size it
+// grants (its bookkeeping share); this is the size in the request's terms.
+int ObtainedSocketBuffer(int socket, int option);
 
 // host:port as a socket address; returns -1 when host is not a dotted IPv4 text.
 int MakeUdpAddress(const char* host, uint16_t port, struct sockaddr_in* address);
