@@ -53,6 +53,7 @@ public:
     CommandCamera& operator=(const CommandCamera&) = delete;
 
     uint16_t port() const { return camera_.port(); }
+    uint16_t daemon_port() const { return camera_.daemon_port(); }   // the daemon's camera endpoint
     // The connect request; the stream not yet started.
     bool AwaitDaemon(int timeout_ms) { return camera_.AwaitConnectRequest(timeout_ms); }
     void StartKeepAlive();
