@@ -1,7 +1,17 @@
 // tarnwick-video-bench: the live video path of the real daemon under load,
 // beside a bare baseline measured in the same run.
 //
-//   sudo build/bench/tarnwick-video-bench [--seconds=<per run>] [--repeat=<runs per step>] [--quick]
+//   build/bench/tarnwick-video-bench [--seconds=<per run>] [--repeat=<runs per step>] [--quick]
+//                                    [--load-only | --no-load]           (as root)
+//
+// First, unless --no-load: video beside load, each loaded run after a quiet
+// run of the same video. "busy" is a main application sending 1000 JSON
+// commands a second, the remote control's 50 Hz gimbal stream (a stick held
+// off centre) and the phone connected to the bridge (every camera datagram
+// forwarded to it, and no acks, so latency is measured to the forwarded
+// copy); "flood" is 10000 commands a second for 10 s, valid, malformed and
+// 9999-byte ones mixed. Each row: delivered video, loss, latency, the
+// daemon's CPU, and the ratios to the quiet run. Then the side-by-side series:
 //
 // It enters private network and mount namespaces (root), starts the daemon
 // (build/tarnwickrelay) with the heap-allocation counter preloaded, plays its
@@ -50,6 +60,8 @@
 
 #include "camera/camera_side.h"
 #include "camera/frame.h"
+#include "bridge/mimo_bridge.h"
+#include "control/remote_control.h"
 #include "net/udp_endpoint.h"
 #include "support/child_process.h"
 #include "support/isolation.h"
@@ -187,24 +199,49 @@ struct StepResult {
     double cpu_per_100k = 0;
     double p50_us = 0;
     double p99_us = 0;
+    double cpu_share = 0;         // receiving process: CPU seconds per second of sending
+    uint64_t camera_commands = 0; // command frames that reached the camera meanwhile
+    bool echoed_by_phone = false; // latency measured to the copy forwarded to the phone, not to an ack
 };
 
 std::atomic<int64_t> send_times[kSequenceSpace];
 
 // Receives acks on `fd` until `stop`, noting each one's latency.
-void ReceiveAcks(int fd, const std::atomic<bool>* stop, std::atomic<uint64_t>* acked, std::vector<int64_t>* latencies)
+void ReceiveAcks(int fd, const std::atomic<bool>* stop, std::atomic<uint64_t>* acked, std::vector<int64_t>* latencies,
+                 std::atomic<uint64_t>* commands)
 {
     uint8_t datagram[kMaxDatagram];
     while (!stop->load()) {
         ssize_t length = recv(fd, datagram, sizeof datagram, 0);
         int64_t now = NowNs();
+        if (length > static_cast<ssize_t>(kAckDatagramSize) && datagram[kTransportTypeOffset] == kTransportCommand)
+            commands->fetch_add(1);   // a camera command or gimbal frame (or the connect request)
         if (length != static_cast<ssize_t>(kAckDatagramSize) || datagram[kTransportTypeOffset] != kTransportCommand)
-            continue;   // a time-out, or the daemon's connect request
+            continue;   // a time-out, or not an ack
         uint16_t sequence = ReadLe16(datagram + kCommandRxOffset);
         int64_t latency = now - send_times[sequence].load(std::memory_order_relaxed);
         if (latency >= 0 && latency < 1000000000 && latencies->size() < latencies->capacity())
             latencies->push_back(latency);
         acked->fetch_add(1);
+    }
+}
+
+// Receives on the phone's socket what the daemon forwards to it, noting the
+// latency of each video datagram (its camera sequence number, unchanged).
+void ReceiveEchoes(int fd, const std::atomic<bool>* stop, std::atomic<uint64_t>* echoed,
+                   std::vector<int64_t>* latencies)
+{
+    uint8_t datagram[kMaxDatagram];
+    while (!stop->load()) {
+        ssize_t length = recv(fd, datagram, sizeof datagram, 0);
+        int64_t now = NowNs();
+        if (length <= static_cast<ssize_t>(kReceivedHeaderSize) || datagram[kTransportTypeOffset] != kTransportLiveVideo)
+            continue;
+        uint16_t sequence = ReadLe16(datagram + kReceivedSequenceOffset);
+        int64_t latency = now - send_times[sequence].load(std::memory_order_relaxed);
+        if (latency >= 0 && latency < 1000000000 && latencies->size() < latencies->capacity())
+            latencies->push_back(latency);
+        echoed->fetch_add(1);
     }
 }
 
@@ -241,7 +278,7 @@ double Percentile(std::vector<int64_t>* values, double fraction)
 // Sends `rate` datagrams a second of `payload` bytes for `seconds` to
 // `target_port` from `fd`, and measures `measured` (the receiving process).
 StepResult RunStep(int fd, uint16_t target_port, pid_t measured, const uint8_t* ring, size_t payload, double rate,
-                   double seconds)
+                   double seconds, int echo_fd = -1)
 {
     static uint8_t datagrams[kBatch][kMaxDatagram];
     static struct mmsghdr messages[kBatch];
@@ -264,11 +301,19 @@ StepResult RunStep(int fd, uint16_t target_port, pid_t measured, const uint8_t* 
     std::atomic<bool> stop{false};
     std::atomic<uint64_t> acked{0};
     std::atomic<uint64_t> parts{0};
-    std::vector<int64_t> latencies;
+    std::atomic<uint64_t> commands{0};
+    std::atomic<uint64_t> echoed{0};
+    std::vector<int64_t> latencies, echo_latencies;
     latencies.reserve(count);
     DrainSocket(fd);
-    std::thread receiver(ReceiveAcks, fd, &stop, &acked, &latencies);
+    std::thread receiver(ReceiveAcks, fd, &stop, &acked, &latencies, &commands);
     std::thread counter(CountParts, ring, &stop, &parts);
+    std::thread echo_receiver;
+    if (echo_fd >= 0) {
+        echo_latencies.reserve(count);
+        DrainSocket(echo_fd);
+        echo_receiver = std::thread(ReceiveEchoes, echo_fd, &stop, &echoed, &echo_latencies);
+    }
 
     double cpu_before = ProcessCpuSeconds(measured);
     int64_t start = NowNs();
@@ -310,6 +355,8 @@ StepResult RunStep(int fd, uint16_t target_port, pid_t measured, const uint8_t* 
     stop.store(true);
     receiver.join();
     counter.join();
+    if (echo_receiver.joinable())
+        echo_receiver.join();
 
     double sending_s = static_cast<double>(sending_ns) / 1e9;
     result.sent = sent;
@@ -319,8 +366,14 @@ StepResult RunStep(int fd, uint16_t target_port, pid_t measured, const uint8_t* 
     result.delivered_per_s = static_cast<double>(result.delivered) / sending_s;
     result.cpu_per_100k =
         result.delivered > 0 ? (cpu_after - cpu_before) / static_cast<double>(result.delivered) * 1e5 : NAN;
-    result.p50_us = Percentile(&latencies, 0.50);
-    result.p99_us = Percentile(&latencies, 0.99);
+    result.cpu_share = (cpu_after - cpu_before) / sending_s;
+    result.camera_commands = commands.load();
+    result.echoed_by_phone = echo_fd >= 0 && latencies.empty();
+    std::vector<int64_t>* measured_latencies = result.echoed_by_phone ? &echo_latencies : &latencies;
+    if (result.echoed_by_phone)
+        result.acked = echoed.load();
+    result.p50_us = Percentile(measured_latencies, 0.50);
+    result.p99_us = Percentile(measured_latencies, 0.99);
     return result;
 }
 
@@ -387,6 +440,157 @@ struct Series {
     std::vector<double> rates;
 };
 
+
+// ---- load beside the video: the main application, the remote control, the phone ----
+
+enum class Load { kBusy, kFlood };
+
+struct LoadPeers {
+    int app_fd = -1;            // port 5000, where the status goes; commands leave from it
+    uint16_t command_port = 0;  // the daemon's, the source of the status datagrams
+    int phone_fd = -1;          // the phone, sending to the bridge port
+    RcRawState* rc = nullptr;   // the remote-control record the daemon reads
+};
+
+// The commands of a load: a busy main application sends valid ones; a flood
+// mixes valid, malformed and 9999-byte ones (the most one datagram carries).
+std::vector<std::string> LoadCommands(Load load)
+{
+    std::vector<std::string> commands = {R"(!{"cmd":"iso","param":"400"})", R"(!{"cmd":"ev","param":"+0.7"})",
+                                         R"(!{"cmd":"wb","param":"auto"})", R"(!{"cmd":"iso","param":"auto"})"};
+    if (load == Load::kFlood) {
+        commands.push_back(R"(!{"cmd":"iso","param":)");
+        commands.push_back("not a command at all");
+        commands.push_back(R"(!{"cmd":"no_such_command","param":"1"})");
+        std::string longest = R"(!{"cmd":"iso","param":")";
+        longest += std::string(9999 - longest.size() - 2, '4');
+        longest += "\"}";
+        commands.push_back(longest);
+        commands.push_back(std::string(9999, '{'));
+    }
+    return commands;
+}
+
+void SendCommands(const LoadPeers* peers, Load load, double rate, const std::atomic<bool>* stop,
+                  std::atomic<uint64_t>* sent)
+{
+    const std::vector<std::string> commands = LoadCommands(load);
+    struct sockaddr_in daemon = Loopback(peers->command_port);
+    int64_t start = NowNs();
+    uint64_t done = 0;
+    while (!stop->load()) {
+        uint64_t due = static_cast<uint64_t>(static_cast<double>(NowNs() - start) * rate / 1e9);
+        for (; done < due; ++done) {
+            const std::string& command = commands[done % commands.size()];
+            sendto(peers->app_fd, command.data(), command.size(), 0, reinterpret_cast<struct sockaddr*>(&daemon),
+                   sizeof daemon);
+        }
+        sent->store(done);
+        usleep(200);
+    }
+}
+
+// The phone: a datagram to the bridge port every 100 ms keeps it connected.
+void TalkAsPhone(const LoadPeers* peers, const std::atomic<bool>* stop)
+{
+    struct sockaddr_in bridge = Loopback(kMimoBridgePort);
+    uint8_t hello[kAckDatagramSize] = {};
+    while (!stop->load()) {
+        sendto(peers->phone_fd, hello, sizeof hello, 0, reinterpret_cast<struct sockaddr*>(&bridge), sizeof bridge);
+        usleep(100000);
+    }
+}
+
+// Learns the command port, opens the phone, maps the remote-control record,
+// and sets the movement mode so that an off-centre stick gives the 50 Hz
+// gimbal stream. Returns false when the daemon does not answer.
+bool SetUpLoad(LoadPeers* peers, int camera_fd, uint16_t daemon_port)
+{
+    // The status report and the remote control start once the camera's data
+    // stream has been seen.
+    uint8_t stream[kReceivedHeaderSize + 16] = {};
+    BuildCameraDatagramHeader(stream, kReceivedHeaderSize, sizeof stream, kTransportDataStream, 1);
+    struct sockaddr_in daemon = Loopback(daemon_port);
+    sendto(camera_fd, stream, sizeof stream, 0, reinterpret_cast<struct sockaddr*>(&daemon), sizeof daemon);
+    peers->app_fd = OpenUdpSocket(5000);
+    struct timeval timeout = {0, 100000};
+    setsockopt(peers->app_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    uint8_t datagram[kMaxDatagram];
+    for (int tries = 0; tries < 50 && peers->command_port == 0; ++tries) {
+        struct sockaddr_in from;
+        socklen_t length = sizeof from;
+        if (recvfrom(peers->app_fd, datagram, sizeof datagram, 0, reinterpret_cast<struct sockaddr*>(&from), &length) > 0)
+            peers->command_port = ntohs(from.sin_port);
+    }
+    peers->phone_fd = OpenUdpSocket(0);
+    setsockopt(peers->phone_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    int fd = -1;
+    bool missing = false;
+    peers->rc = MapRcRawState(kRcRawStateName, &fd, &missing);
+    if (peers->command_port == 0 || peers->rc == nullptr)
+        return false;
+    const char movement[] = R"(!{"cmd":"set","name":"movement","value":"rel"})";
+    struct sockaddr_in commands = Loopback(peers->command_port);
+    sendto(peers->app_fd, movement, sizeof movement - 1, 0, reinterpret_cast<struct sockaddr*>(&commands),
+           sizeof commands);
+    return true;
+}
+
+void PrintLoadRow(const char* name, const StepResult& r, const StepResult& quiet)
+{
+    printf("  %-6s | %9.0f %6.2f%% %7.0f %7.0f%s %6.3f %5.0f%% | %9llu | %5.2f %5.2f\n", name, r.delivered_per_s,
+           100.0 * LossFraction(r), r.p50_us, r.p99_us, r.echoed_by_phone ? "*" : " ", r.cpu_per_100k,
+           100.0 * r.cpu_share, static_cast<unsigned long long>(r.camera_commands),
+           quiet.delivered_per_s > 0 ? r.delivered_per_s / quiet.delivered_per_s : NAN,
+           quiet.p99_us > 0 ? r.p99_us / quiet.p99_us : NAN);
+    fflush(stdout);
+}
+
+// Video beside a busy main application (1000 commands/s, the 50 Hz gimbal
+// stream of the remote control, the phone connected so that every camera
+// datagram is forwarded) and beside a command flood (10000 commands/s,
+// valid, malformed and 9999-byte), each after a quiet run of the same video.
+void RunLoadComparison(int camera_fd, uint16_t daemon_port, ChildProcess* daemon, const uint8_t* ring,
+                       LoadPeers* peers, double video_rate, double busy_seconds, double flood_seconds)
+{
+    printf("Video (1400-byte payloads, %.0f datagrams/s) beside load, each run after a quiet one of the same length.\n"
+           "p99* = latency to the copy forwarded to the phone (no acks go out while the phone is connected);\n"
+           "CPU = daemon, s per 100k datagrams and share of one core; cmds = command frames that reached the camera;\n"
+           "ratios = loaded / quiet for delivered and p99\n",
+           video_rate);
+    printf("  run    | delivered   loss     p50     p99   CPU   share |      cmds | deliv   p99\n");
+    struct {
+        const char* name;
+        Load load;
+        double rate, seconds;
+    } const runs[] = {{"busy", Load::kBusy, 1000, busy_seconds}, {"flood", Load::kFlood, 10000, flood_seconds}};
+    for (const auto& run : runs) {
+        StepResult quiet = RunStep(camera_fd, daemon_port, daemon->pid(), ring, 1400, video_rate, run.seconds);
+        PrintLoadRow("quiet", quiet, quiet);
+        std::atomic<bool> stop{false};
+        std::atomic<uint64_t> commands_sent{0};
+        std::thread phone;
+        bool busy = run.load == Load::kBusy;
+        if (busy) {
+            StoreRcSlotValue(peers->rc, 0, 0.5);   // a stick off centre: a gimbal speed command every cycle
+            phone = std::thread(TalkAsPhone, peers, &stop);
+            daemon->WaitForStderr("DJI MIMO connection found", 3000);
+        }
+        std::thread sender(SendCommands, peers, run.load, run.rate, &stop, &commands_sent);
+        StepResult loaded = RunStep(camera_fd, daemon_port, daemon->pid(), ring, 1400, video_rate, run.seconds,
+                                    busy ? peers->phone_fd : -1);
+        stop.store(true);
+        sender.join();
+        if (phone.joinable())
+            phone.join();
+        StoreRcSlotValue(peers->rc, 0, 0.0);
+        PrintLoadRow(run.name, loaded, quiet);
+        printf("         (%llu commands sent)\n", static_cast<unsigned long long>(commands_sent.load()));
+        sleep(2);   // the phone counts as gone, the daemon acks again; the log drains
+    }
+    printf("\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -394,10 +598,13 @@ int main(int argc, char** argv)
     double seconds = 1.0;
     int repeat = 2;
     bool quick = false;
+    bool series_wanted = true, load_wanted = true;
     static const struct option options[] = {
         {"seconds", required_argument, nullptr, 's'},
         {"repeat", required_argument, nullptr, 'r'},
         {"quick", no_argument, nullptr, 'q'},
+        {"load-only", no_argument, nullptr, 'l'},
+        {"no-load", no_argument, nullptr, 'n'},
         {nullptr, 0, nullptr, 0},
     };
     for (int option; (option = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
@@ -407,8 +614,14 @@ int main(int argc, char** argv)
             repeat = atoi(optarg);
         else if (option == 'q')
             quick = true;
+        else if (option == 'l')
+            series_wanted = false;
+        else if (option == 'n')
+            load_wanted = false;
         else {
-            fputs("Usage: tarnwick-video-bench [--seconds=<per run>] [--repeat=<runs per step>] [--quick]\n", stderr);
+            fputs("Usage: tarnwick-video-bench [--seconds=<per run>] [--repeat=<runs per step>] [--quick]"
+                  " [--load-only | --no-load]\n",
+                  stderr);
             return 1;
         }
     }
@@ -447,6 +660,7 @@ int main(int argc, char** argv)
     setenv("LD_PRELOAD", TARNWICK_MALLOC_COUNTER_PATH, 1);
     setenv("TARNWICK_MALLOC_COUNT_FILE", kMallocCountFile, 1);
     ChildProcess daemon;
+    daemon.LimitOutput(1 << 20);   // the command flood logs every command
     bool started = daemon.Start(DaemonPath(), {"--host", "127.0.0.1", "--port", std::to_string(camera_port)});
     unsetenv("LD_PRELOAD");
     unsetenv("TARNWICK_MALLOC_COUNT_FILE");
@@ -478,7 +692,16 @@ int main(int argc, char** argv)
            "delivered/s = parts that reached the ring per second of sending; loss = (sent - delivered) / sent;\n"
            "CPU = receiving process, s per 100k datagrams; p50/p99 = send-to-ack latency, microseconds;\n"
            "ratio = daemon / baseline delivered\n\n");
-    for (const Series& s : series) {
+    if (load_wanted) {
+        LoadPeers peers;
+        if (!SetUpLoad(&peers, camera_fd, daemon_port)) {
+            fputs("the daemon's command port or remote-control record is missing\n", stderr);
+        } else {
+            RunLoadComparison(camera_fd, daemon_port, &daemon, daemon_ring, &peers, 20000, quick ? 3 : 5,
+                              quick ? 3 : 10);
+        }
+    }
+    for (const Series& s : series_wanted ? series : std::vector<Series>()) {
         printf("payload %zu bytes\n", s.payload);
         printf("  target    sent |   daemon: delivered   loss    CPU    p50     p99 |"
                " baseline: delivered  loss    CPU    p50     p99 | ratio\n");

@@ -61,6 +61,8 @@ void ChildProcess::Collect(int fd, std::string* into)
             break;
         std::lock_guard<std::mutex> guard(lock_);
         into->append(chunk, static_cast<size_t>(count));
+        if (into->size() > output_limit_)
+            into->erase(0, into->size() - output_limit_ / 2);
     }
     close(fd);
 }

@@ -5,6 +5,7 @@
 // the current test.
 #include <sys/types.h>
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,6 +27,8 @@ public:
     // Exit code, 128 + signal for a signal, or -1 when still running at the time-out.
     int WaitExit(int timeout_ms);
     void WriteLine(const std::string& line);
+    // Keeps only about the last `bytes` of each stream (a program that logs a flood); before Start.
+    void LimitOutput(size_t bytes) { output_limit_ = bytes; }
     void Kill();
     pid_t pid() const { return pid_; }
 
@@ -37,6 +40,7 @@ private:
     pid_t pid_ = -1;
     int stdin_fd_ = -1;
     int exit_code_ = -1;
+    size_t output_limit_ = SIZE_MAX;
     std::mutex lock_;
     std::string stdout_, stderr_;
     std::thread stdout_reader_, stderr_reader_;
