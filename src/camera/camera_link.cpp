@@ -130,3 +130,9 @@ void* CameraThread(void*)
     }
     return nullptr;
 }
+
+void ResetCameraSequences()
+{
+    tx_sequence.store(0);
+    rx_sequence.store(0);
+}

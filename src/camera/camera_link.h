@@ -85,3 +85,6 @@ void OnCameraDatagram(uint8_t* buffer, uint16_t length, const char* peer_ip, uin
 
 // The camera thread's loop; never returns.
 void* CameraThread(void*);
+
+// Both sequence counters back to 0, as at start.
+void ResetCameraSequences();

@@ -77,3 +77,9 @@ bool IsCameraStreamSeen()
 {
     return stream_seen.load();
 }
+
+void ResetReassembly()
+{
+    stream_seen.store(false);
+    telemetry_fill = 0;
+}

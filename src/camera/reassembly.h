@@ -15,3 +15,6 @@ void HandleCameraDatagram(const uint8_t* buffer, size_t length);
 
 // True from the first data-stream datagram on; never cleared.
 bool IsCameraStreamSeen();
+
+// Back to a fresh start: no stream seen, the telemetry buffer empty.
+void ResetReassembly();

@@ -222,3 +222,9 @@ void HandleAppDatagram(uint8_t* buffer, uint16_t, const char*, uint16_t)
         return;
     HandleJsonCommand(reinterpret_cast<const char*>(buffer + 1));
 }
+
+void ResetAppCommands()
+{
+    MovementMode.store(kMovementUnset);
+    ZoomRate.store(0);
+}

@@ -35,3 +35,6 @@ extern std::atomic<int32_t> ZoomRate;
 // after it (command_endpoint clears its buffer before each receive), so the
 // JSON text ends at the first zero byte.
 void HandleAppDatagram(uint8_t* buffer, uint16_t length, const char* peer_ip, uint16_t peer_port);
+
+// No movement mode chosen, no zoom rate: as at start.
+void ResetAppCommands();

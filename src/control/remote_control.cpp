@@ -479,3 +479,18 @@ int RcEvAxisIndex(double value)
         return kEvIndexLast;
     return static_cast<int>(index);
 }
+
+uint32_t RunRemoteControlCycle()
+{
+    return RemoteControlCycle();
+}
+
+void ResetRemoteControl()
+{
+    rc.camera = GetCameraState();
+    memset(rc.edge_state, 0, sizeof rc.edge_state);
+    rc.last_ev_index = 0;
+    for (double& axis : rc.axis_copy)
+        axis = 0.0;
+    rc.moving = 0;
+}

@@ -174,3 +174,12 @@ bool RcChangeStep(int32_t* edge, int sign);
 // zero and limited to 0 .. 18; -1 for a value that is not a number (the axis
 // is then left alone).
 int RcEvAxisIndex(double value);
+
+// One remote-control cycle, as the thread runs it once the camera's stream
+// has been seen; returns the time to sleep before the next. For harnesses
+// that drive the cycle themselves, without the thread.
+uint32_t RunRemoteControlCycle();
+
+// Every edge state, the stick copies and the last EV index back to a fresh
+// start, the camera state pointer taken again; the record's mapping stays.
+void ResetRemoteControl();

@@ -21,3 +21,9 @@ void CopyCameraState(const CameraState* state, CameraState* copy)
     CameraStateGuard guard(camera_state_lock);
     memcpy(copy, state, sizeof *copy);
 }
+
+void ResetCameraState()
+{
+    CameraStateGuard guard(camera_state_lock);
+    memset(&camera_state, 0, sizeof camera_state);
+}

@@ -125,3 +125,7 @@ void CopyCameraState(const CameraState* state, CameraState* copy);
 // in a 6-byte POSIX shared-memory region, written at every attitude report.
 constexpr const char* kSharedAttitudeName = "/shared_camstate";
 constexpr size_t kSharedAttitudeSize = 6;
+
+// Back to the record of a fresh start: all zero. (Harnesses and tests that
+// reuse one process for many runs.)
+void ResetCameraState();

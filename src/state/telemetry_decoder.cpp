@@ -420,3 +420,8 @@ void SetSharedAttitudeName(const char* name)
 {
     shared_attitude_name = name;
 }
+
+void ResetTelemetryDecoder()
+{
+    tracking_restore = TrackingRestoreState();
+}

@@ -61,3 +61,7 @@ bool TrackingRestoreStep(TrackingRestoreState* restore, uint8_t tracking_active,
 // The name of the shared attitude region, "/shared_camstate" unless changed
 // before the first frame is decoded (unit tests use a private name).
 void SetSharedAttitudeName(const char* name);
+
+// Forgets the tracked subject (the tracking restore starts afresh); the
+// attitude region stays mapped.
+void ResetTelemetryDecoder();

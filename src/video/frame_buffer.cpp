@@ -150,3 +150,10 @@ void QueueVideoPart(const uint8_t* data, uint32_t length)
     RingStoreField(ring, kRingLastPartOffset, video_stream.part_counter);
     ++video_stream.part_counter;
 }
+
+void ResetVideoStream()
+{
+    video_stream.width = 0;
+    video_stream.height = 0;
+    video_stream.part_counter = 0;
+}

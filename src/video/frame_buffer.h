@@ -37,3 +37,7 @@ int InitFrameBuffers();
 // 300000 bytes in consecutive slots), after honouring a clear request, and
 // announces a new resolution when the payload starts with a parameter set.
 void QueueVideoPart(const uint8_t* data, uint32_t length);
+
+// The writer back to a fresh start (no resolution announced, part 0) without
+// touching the regions or their mappings.
+void ResetVideoStream();

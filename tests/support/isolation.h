@@ -5,7 +5,6 @@
 // mount namespace with fresh tmpfs on /dev/shm and /run, so tests run in
 // parallel and leave nothing on the host. This needs root; elsewhere the
 // system tests skip.
-#include <gtest/gtest.h>
 
 // Enters the private namespaces; call once, before any thread starts.
 // Returns true when the process is isolated.
