@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev             # tests
   iproute2 iptables util-linux          # namespaces, NAT rule, unshare
   ffmpeg x264                           # H.264 fixtures and decoding checks
+  clang llvm libclang-rt-14-dev         # fuzzing: libFuzzer, sanitizers, llvm-cov
+  python3                               # the fuzz corpus generator
 )
 
 missing=()

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs every test three times: plain, under AddressSanitizer +
-# UndefinedBehaviorSanitizer, and under ThreadSanitizer. Any failure or
-# sanitizer report fails the run. System tests need root (they put the daemon
+# UndefinedBehaviorSanitizer, and under ThreadSanitizer; then the fuzz targets
+# in their instrumented build: the committed corpus replayed through each, and
+# each fuzzed for a short while. Any failure, crash or sanitizer report fails
+# the run. System tests need root (they put the daemon
 # in private network and mount namespaces) and skip elsewhere.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -26,4 +28,6 @@ for variant in build: build-asan:address build-tsan:thread; do
   [ "$sanitize" = thread ] && runner=("${no_aslr[@]}")
   "${runner[@]}" ctest --test-dir "$dir" --output-on-failure -j4 --timeout 300 || status=1
 done
+echo "=== build-fuzz (libFuzzer, ASan + UBSan)"
+scripts/fuzz.sh all "${TARNWICK_FUZZ_SECONDS:-30}" --ci || status=1
 exit $status
