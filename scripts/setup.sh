@@ -10,6 +10,7 @@ packages=(
   ffmpeg x264                           # H.264 fixtures and decoding checks
   clang llvm libclang-rt-14-dev         # fuzzing: libFuzzer, sanitizers, llvm-cov
   python3                               # the fuzz corpus generator
+  dpkg-dev lintian systemd              # the Debian package: dependencies, checks, the unit
 )
 
 missing=()

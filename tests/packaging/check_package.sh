@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# Checks the Debian package as a board would get it:
+#
+#   tests/packaging/check_package.sh <package.deb>        (as root)
+#
+# - its contents and control data (dpkg-deb -c / -I): the programs, the unit,
+#   the defaults conffile, the sysctl file, the NAT clean-up, the manual
+#   pages; dependencies no wider than the C and C++ runtimes and libcjson1;
+# - lintian reports no error;
+# - the unit: systemd-analyze verify, and a security exposure of 4.0 or less;
+# - the daemon starts under the unit's confinement (its capability bounding
+#   set and no new privileges, as root) against the camera simulator, in
+#   private namespaces, inserts the phone's NAT rule, and the unit's clean-up
+#   removes every copy of it.
+set -euo pipefail
+[ "$(id -u)" -eq 0 ] || { echo "needs root (namespaces, iptables): skipped"; exit 77; }
+deb=$(realpath "$1")
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+contents=$(dpkg-deb -c "$deb")
+for path in ./usr/bin/tarnwickrelay ./usr/bin/tarnwick-camsim ./usr/bin/tarnwick-monitor ./usr/bin/tarnwick-ringreader \
+            ./usr/bin/tarnwick-rcwriter ./lib/systemd/system/tarnwickrelay.service ./etc/default/tarnwickrelay \
+            ./usr/lib/sysctl.d/60-tarnwickrelay.conf ./usr/lib/tarnwickrelay/remove-nat-rules \
+            ./usr/share/man/man8/tarnwickrelay.8.gz ./usr/share/man/man1/tarnwick-monitor.1.gz \
+            ./usr/share/doc/tarnwickrelay/copyright; do
+  grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
+done
+info=$(dpkg-deb -I "$deb")
+depends=$(sed -n 's/^ Depends: //p' <<<"$info")
+for dependency in ${depends//,/ }; do
+  case $dependency in
+    libc6|libcjson1|libstdc++6|libgcc-s1|\(*|*\)) ;;
+    *) fail "unexpected run-time dependency $dependency (all: $depends)" ;;
+  esac
+done
+grep -q libcjson1 <<<"$depends" || fail "no dependency on libcjson1: $depends"
+for script in postinst prerm postrm conffiles; do grep -q " $script" <<<"$info" || fail "no $script"; done
+dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/default/tarnwickrelay || fail "defaults not a conffile"
+grep -q 'sysctl.d' <<<"$contents" && grep -q 'net.core.rmem_max = 10000000' <(dpkg-deb --fsys-tarfile "$deb" |
+  tar -xO ./usr/lib/sysctl.d/60-tarnwickrelay.conf) || fail "the sysctl file does not raise rmem_max"
+
+if command -v lintian >/dev/null; then
+  errors=$(lintian --tag-display-limit 0 "$deb" 2>/dev/null | grep '^E:' || true)
+  [ -z "$errors" ] || fail "lintian: $errors"
+else
+  fail "lintian is missing: scripts/setup.sh installs it"
+fi
+
+# The unit, against the package's own files laid over /usr.
+mkdir -p "$work/root"
+dpkg-deb -x "$deb" "$work/root"
+cp -a "$work/root/lib/." "$work/root/usr/lib/"
+if ! unshare -m sh -c "mount -t overlay overlay -o lowerdir=$work/root/usr:/usr /usr &&
+                       systemd-analyze verify --man=no /usr/lib/systemd/system/tarnwickrelay.service" >"$work/verify" 2>&1; then
+  fail "systemd-analyze verify: $(cat "$work/verify")"
+fi
+exposure=$(systemd-analyze security --offline=yes "$work/root/lib/systemd/system/tarnwickrelay.service" 2>&1 |
+  sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+echo "systemd-analyze security: exposure $exposure"
+awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 4.0) }' || fail "exposure ${exposure:-unknown} above 4.0"
+
+# The daemon under the unit's confinement, in private namespaces.
+unit=$work/root/lib/systemd/system/tarnwickrelay.service
+bounding=$(sed -n 's/^CapabilityBoundingSet=//p' "$unit" | tr 'A-Z ' 'a-z,' | sed 's/cap_//g; s/^/+/; s/,/,+/g')
+grep -q '^NoNewPrivileges=yes' "$unit" || fail "the unit allows new privileges"
+export bounding root=$work/root
+if ! unshare --net --mount --propagation private bash -s >"$work/confined" 2>&1 <<'INSIDE'
+set -eu
+mount -t tmpfs tmpfs /dev/shm
+mount -t tmpfs tmpfs /run
+ip link set lo up
+mkdir -p /run/tarnwickrelay
+echo ap0 > /run/tarnwickrelay/ap.iface
+"$root/usr/bin/tarnwick-camsim" --port=19004 --no-video > /run/camsim.log 2>&1 < /dev/null &
+camsim=$!
+setpriv --no-new-privs --bounding-set=-all,$bounding --inh-caps=-all \
+  "$root/usr/bin/tarnwickrelay" --host=127.0.0.1 --port=19004 > /run/daemon.log 2>&1 &
+daemon=$!
+for _ in $(seq 100); do grep -q 'Camera connection found' /run/daemon.log && break; sleep 0.1; done
+rules=$(iptables -t nat -S PREROUTING | grep -c 'REDIRECT --to-ports 9004' || true)
+kill $daemon $camsim
+wait 2>/dev/null || true
+"$root/usr/lib/tarnwickrelay/remove-nat-rules"
+left=$(iptables -t nat -S PREROUTING | grep -c 'REDIRECT --to-ports 9004' || true)
+cat /run/daemon.log
+echo "rules while running: $rules, after the clean-up: $left"
+grep -q 'Camera connection found' /run/daemon.log && [ "$rules" = 1 ] && [ "$left" = 0 ]
+INSIDE
+then
+  fail "the confined daemon: $(cat "$work/confined")"
+fi
+[ $failures -eq 0 ] && echo "package checks passed: $(basename "$deb")"
+exit $((failures > 0))
