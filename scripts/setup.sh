@@ -1,5 +1,12 @@
 #!/usr/bin/env bash
-# Installs what building, running and testing tarnwickrelay needs (Debian).
+# Installs what building, running and testing tarnwickrelay needs (Debian):
+#
+#   scripts/setup.sh              everything for the native builds and their tests
+#   scripts/setup.sh run          only what building the daemon and tools needs
+#   scripts/setup.sh cross ARCH   the cross compiler, ARCH's libraries and qemu-user (arm64, armhf)
+#
+# As root it installs directly; otherwise through sudo, and only when
+# something is missing.
 set -euo pipefail
 
 packages=(
@@ -13,6 +20,25 @@ packages=(
   dpkg-dev lintian systemd              # the Debian package: dependencies, checks, the unit
 )
 
+case ${1:-all} in
+  run) packages=(build-essential cmake pkg-config libcjson-dev ffmpeg x264 iproute2) ;;
+  cross)
+    arch=${2:?usage: scripts/setup.sh cross arm64|armhf}
+    case $arch in
+      arm64) triple=aarch64-linux-gnu ;;
+      armhf) triple=arm-linux-gnueabihf ;;
+      *) echo "usage: scripts/setup.sh cross arm64|armhf" >&2; exit 2 ;;
+    esac
+    packages=(g++-$triple libcjson-dev:$arch libgtest-dev:$arch libgmock-dev:$arch qemu-user dpkg-dev)
+    ;;
+esac
+
+as_root() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
+if [ -n "${arch:-}" ] && ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
+  as_root dpkg --add-architecture "$arch"
+  as_root apt-get update || true   # a mirror in sync may fail one index; the install below says what is missing
+fi
+
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
@@ -20,7 +46,5 @@ done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 export DEBIAN_FRONTEND=noninteractive
-sudo_cmd=()
-[ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
-"${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}" ||
-  { "${sudo_cmd[@]}" apt-get update && "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"; }
+apt_install() { as_root apt-get -o DPkg::Lock::Timeout=600 install -y --no-install-recommends "$@"; }
+apt_install "${missing[@]}" || { as_root apt-get update || true; apt_install "${missing[@]}"; }
