@@ -1,7 +1,10 @@
 // The camera simulator and the monitor tool against the real daemon: the simulator's model shows in the status line
 // and follows "set" lines; JSON commands close the loop through the simulator, which refuses a corrupt frame; the
 // monitor prints the status decoded, shows what it cannot decode, and sends commands from its command line and input.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -171,3 +174,38 @@ TEST(StatusMonitor, ShowsWhatItCannotDecode)
 }
 
 }  // namespace
+
+// Every tool: --help is usage on standard output and status 0; an unknown option or a malformed number is named
+// on standard error and ends with 2. The ring reader says when the ring's writer makes no progress.
+TEST(ToolCommandLines, HelpBadOptionsAndAStaleRing)
+{
+    REQUIRE_ISOLATION();
+    for (const char* tool : {"camsim", "monitor", "ringreader", "rcwriter"}) {
+        SCOPED_TRACE(tool);
+        ChildProcess help;
+        ASSERT_TRUE(help.Start(ToolPath(tool), {"--help"}));
+        EXPECT_EQ(help.WaitExit(5000), 0);
+        EXPECT_EQ(help.Stdout().rfind("Usage: tarnwick-", 0), 0u) << help.Stdout();
+        EXPECT_EQ(help.Stderr(), "");
+        for (const char* bad : {"--no-such-option", "--port=abc", "--port=99999"}) {
+            ChildProcess refused;
+            ASSERT_TRUE(refused.Start(ToolPath(tool), {bad}));
+            EXPECT_EQ(refused.WaitExit(5000), 2) << bad;
+            EXPECT_NE(refused.Stderr().find("Usage: tarnwick-"), std::string::npos) << bad << refused.Stderr();
+            EXPECT_EQ(refused.Stdout(), "") << bad;
+        }
+    }
+    ChildProcess malformed;
+    ASSERT_TRUE(malformed.Start(ToolPath("monitor"), {"--port=5000x"}));
+    EXPECT_EQ(malformed.WaitExit(5000), 2);
+    EXPECT_NE(malformed.Stderr().find("--port: '5000x' is not a number from 1 to 65535"), std::string::npos);
+
+    // A ring whose writer is gone: the right size, nothing moving.
+    int fd = shm_open("tarnwickrelay_framebuffer", O_RDWR | O_CREAT, 0600);
+    ASSERT_TRUE(fd >= 0 && ftruncate(fd, 60003624) == 0);
+    close(fd);
+    ChildProcess reader;
+    ASSERT_TRUE(reader.Start(ToolPath("ringreader"), {"--all", "--out=/dev/null"}));
+    EXPECT_TRUE(reader.WaitForStderr("no progress from the writer for 5 s", 9000)) << reader.Stderr();
+    shm_unlink("tarnwickrelay_framebuffer");
+}

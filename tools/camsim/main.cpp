@@ -19,6 +19,7 @@
 #include "camera/camera_side.h"
 #include "camera/frame.h"
 #include "camsim.h"
+#include "tool_options.h"
 #include "net/clock.h"
 
 Simulator sim;
@@ -27,7 +28,9 @@ namespace {
 
 constexpr size_t kMaxDatagram = 10000;
 
-void Usage()
+constexpr const char* kTool = "tarnwick-camsim";
+
+void Usage(FILE* out)
 {
     fputs("Usage: tarnwick-camsim [options]\n"
           "  --bind=<addr>          address to listen on (default 127.0.0.1)\n"
@@ -40,14 +43,21 @@ void Usage()
           "  --never-answer         log what arrives but never start the stream\n"
           "  --silent-after=<ms>    fall silent this long after the stream starts\n"
           "  --report-period=<ms>   data-stream period (default 100)\n"
-          "  --log-acks             log every acknowledgement\n",
-          stderr);
+          "  --log-acks             log every acknowledgement\n"
+          "  --help                 this text\n",
+          out);
 }
 
+bool Number(const char* option, long min, long max, long* value)
+{
+    return ParseToolNumber(kTool, option, optarg, min, max, value);
+}
+
+// Returns kToolOptionsOk, or the status to end with.
 int ParseSimOptions(int argc, char** argv, SimOptions* options)
 {
     enum { kBind = 1, kPort, kVideo, kFps, kPayload, kNoVideo, kLongHeader, kNeverAnswer, kSilentAfter,
-           kReportPeriod, kLogAcks };
+           kReportPeriod, kLogAcks, kHelp };
     static const struct option long_options[] = {
         {"bind", required_argument, nullptr, kBind},
         {"port", required_argument, nullptr, kPort},
@@ -60,32 +70,55 @@ int ParseSimOptions(int argc, char** argv, SimOptions* options)
         {"silent-after", required_argument, nullptr, kSilentAfter},
         {"report-period", required_argument, nullptr, kReportPeriod},
         {"log-acks", no_argument, nullptr, kLogAcks},
+        {"help", no_argument, nullptr, kHelp},
         {nullptr, 0, nullptr, 0},
     };
+    long value = 0;
     for (;;) {
         int option = getopt_long(argc, argv, "", long_options, nullptr);
         switch (option) {
-        case -1: return 0;
-        case kBind: options->bind_host = optarg; break;
-        case kPort: options->port = static_cast<uint16_t>(atoi(optarg)); break;
-        case kVideo: options->video_path = optarg; break;
+        case -1:
+            if (optind == argc)
+                return kToolOptionsOk;
+            fprintf(stderr, "%s: unexpected argument '%s'\n", kTool, argv[optind]);
+            break;
+        case kBind: options->bind_host = optarg; continue;
+        case kPort:
+            if (!Number("port", 1, 65535, &value))
+                break;
+            options->port = static_cast<uint16_t>(value);
+            continue;
+        case kVideo: options->video_path = optarg; continue;
         case kFps:
-            options->fps = atoi(optarg) > 0 ? atoi(optarg) : 30;
+            if (!Number("fps", 1, 1000, &value))
+                break;
+            options->fps = static_cast<int>(value);
             options->fps_given = true;
-            break;
-        case kPayload: {
-            long payload = atol(optarg);
-            options->video_payload = (payload > 0 && payload <= 9000) ? static_cast<size_t>(payload) : 1400;
-            break;
+            continue;
+        case kPayload:
+            if (!Number("payload", 1, 9000, &value))
+                break;
+            options->video_payload = static_cast<size_t>(value);
+            continue;
+        case kNoVideo: options->send_video = false; continue;
+        case kLongHeader: options->long_video_header = true; continue;
+        case kNeverAnswer: options->never_answer = true; continue;
+        case kSilentAfter:
+            if (!Number("silent-after", 0, 86400000, &value))
+                break;
+            options->silent_after_ms = static_cast<int>(value);
+            continue;
+        case kReportPeriod:
+            if (!Number("report-period", 1, 60000, &value))
+                break;
+            options->report_period_ms = static_cast<int>(value);
+            continue;
+        case kLogAcks: options->log_acks = true; continue;
+        case kHelp: Usage(stdout); return 0;
+        default: break;   // getopt_long named the option
         }
-        case kNoVideo: options->send_video = false; break;
-        case kLongHeader: options->long_video_header = true; break;
-        case kNeverAnswer: options->never_answer = true; break;
-        case kSilentAfter: options->silent_after_ms = atoi(optarg); break;
-        case kReportPeriod: options->report_period_ms = atoi(optarg) > 0 ? atoi(optarg) : 100; break;
-        case kLogAcks: options->log_acks = true; break;
-        default: Usage(); return -1;
-        }
+        Usage(stderr);
+        return kToolUsageError;
     }
 }
 
@@ -197,8 +230,9 @@ void SimSendDatagram(uint8_t type, const uint8_t* payload, size_t length, size_t
 
 int main(int argc, char** argv)
 {
-    if (ParseSimOptions(argc, argv, &sim.options) != 0)
-        return 1;
+    int status = ParseSimOptions(argc, argv, &sim.options);
+    if (status != kToolOptionsOk)
+        return status;
     setvbuf(stdout, nullptr, _IOLBF, 0);
     if (sim.options.send_video && SimOpenVideo(sim.options.video_path) != 0) {
         fprintf(stderr, "Cannot read video file %s\n", sim.options.video_path);

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "monitor.h"
+#include "tool_options.h"
 
 Monitor monitor;
 
@@ -17,33 +18,28 @@ namespace {
 
 constexpr size_t kMaxDatagram = 65536;
 
-void Usage()
+constexpr const char* kTool = "tarnwick-monitor";
+
+void Usage(FILE* out)
 {
     fputs("Usage: tarnwick-monitor [options]\n"
           "  --bind=<addr>          address to listen on (default 127.0.0.1)\n"
           "  --port=<port>          status port, where the service sends (default 5000)\n"
           "  --notice-port=<port>   recording notice port (default 5255; 0: do not listen)\n"
-          "  --all                  print every message (default: changes, at most one a second per kind)\n"
+          "  --all                  print every status item and message (default: changed status items;\n"
+          "                         messages when changed, at most one a second per kind)\n"
           "  --count=<n>            exit after receiving n datagrams\n"
           "  --send=<command>       send a command to the service once it is heard (repeatable);\n"
           "                         lines on standard input are commands too. A command is JSON\n"
-          "                         ({\"cmd\":\"iso\",\"param\":\"400\"}) or words (iso 400; set movement abs)\n",
-          stderr);
+          "                         ({\"cmd\":\"iso\",\"param\":\"400\"}) or words (iso 400; set movement abs)\n"
+          "  --help                 this text\n",
+          out);
 }
 
-bool ParsePort(const char* text, uint16_t* port)
-{
-    char* end = nullptr;
-    long value = strtol(text, &end, 10);
-    if (end == text || *end != '\0' || value < 0 || value > 65535)
-        return false;
-    *port = static_cast<uint16_t>(value);
-    return true;
-}
-
+// Returns kToolOptionsOk, or the status to end with.
 int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
 {
-    enum { kBind = 1, kPort, kNoticePort, kAll, kCount, kSend };
+    enum { kBind = 1, kPort, kNoticePort, kAll, kCount, kSend, kHelp };
     static const struct option long_options[] = {
         {"bind", required_argument, nullptr, kBind},
         {"port", required_argument, nullptr, kPort},
@@ -51,26 +47,41 @@ int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
         {"all", no_argument, nullptr, kAll},
         {"count", required_argument, nullptr, kCount},
         {"send", required_argument, nullptr, kSend},
+        {"help", no_argument, nullptr, kHelp},
         {nullptr, 0, nullptr, 0},
     };
+    long value = 0;
     for (;;) {
         int option = getopt_long(argc, argv, "", long_options, nullptr);
         switch (option) {
-        case -1: return optind == argc ? 0 : (Usage(), -1);
-        case kBind: options->bind_host = optarg; break;
+        case -1:
+            if (optind == argc)
+                return kToolOptionsOk;
+            fprintf(stderr, "%s: unexpected argument '%s'\n", kTool, argv[optind]);
+            break;
+        case kBind: options->bind_host = optarg; continue;
         case kPort:
-            if (!ParsePort(optarg, &options->status_port) || options->status_port == 0)
-                return Usage(), -1;
-            break;
+            if (!ParseToolNumber(kTool, "port", optarg, 1, 65535, &value))
+                break;
+            options->status_port = static_cast<uint16_t>(value);
+            continue;
         case kNoticePort:
-            if (!ParsePort(optarg, &options->notice_port))
-                return Usage(), -1;
-            break;
-        case kAll: options->every_message = true; break;
-        case kCount: options->exit_after = atol(optarg); break;
-        case kSend: SendMonitorCommand(optarg); break;
-        default: Usage(); return -1;
+            if (!ParseToolNumber(kTool, "notice-port", optarg, 0, 65535, &value))
+                break;
+            options->notice_port = static_cast<uint16_t>(value);
+            continue;
+        case kAll: options->every_message = true; continue;
+        case kCount:
+            if (!ParseToolNumber(kTool, "count", optarg, 1, 1000000000, &value))
+                break;
+            options->exit_after = value;
+            continue;
+        case kSend: SendMonitorCommand(optarg); continue;
+        case kHelp: Usage(stdout); return 0;
+        default: break;   // getopt_long named the option
         }
+        Usage(stderr);
+        return kToolUsageError;
     }
 }
 
@@ -97,8 +108,9 @@ int BindUdp(const char* host, uint16_t port)
 
 int main(int argc, char** argv)
 {
-    if (ParseMonitorOptions(argc, argv, &monitor.options) != 0)
-        return 1;
+    int status = ParseMonitorOptions(argc, argv, &monitor.options);
+    if (status != kToolOptionsOk)
+        return status;
     setvbuf(stdout, nullptr, _IOLBF, 0);
     const MonitorOptions& options = monitor.options;
     monitor.status_socket = BindUdp(options.bind_host, options.status_port);

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <map>
+#include <string>
 
 #include "camera/frame.h"
 #include "control/value_tables.h"
@@ -71,9 +73,12 @@ void PrintUnknown(const char* what, const uint8_t* data, size_t length)
     printf(length > 64 ? " ...\n" : "\n");
 }
 
-// "key=value," items, one per line. Values may hold blanks but no commas.
+// "key=value," items, one per line: by default only the items whose value
+// changed since the last status line (all of them the first time), every
+// item with --all. Values may hold blanks but no commas.
 void PrintStatusLine(const uint8_t* data, size_t length)
 {
+    static std::map<std::string, std::string> last_values;
     PrintTime();
     printf("status line, %zu bytes\n", length);
     const char* text = reinterpret_cast<const char*>(data) + 1;
@@ -87,7 +92,12 @@ void PrintStatusLine(const uint8_t* data, size_t length)
         } else {
             int key_length = static_cast<int>(equals - text);
             int value_length = static_cast<int>(item_length) - key_length - 1;
-            printf("  %-18.*s %.*s\n", key_length, text, value_length, equals + 1);
+            std::string key(text, static_cast<size_t>(key_length)), value(equals + 1, static_cast<size_t>(value_length));
+            auto last = last_values.find(key);
+            bool changed = last == last_values.end() || last->second != value;
+            if (changed || monitor.options.every_message)
+                printf("  %-18.*s %.*s\n", key_length, text, value_length, equals + 1);
+            last_values[key] = value;
         }
         if (comma == nullptr) {
             printf("  (last item without its comma)\n");

@@ -25,6 +25,7 @@
 
 #include "control/remote_control.h"
 #include "net/clock.h"
+#include "tool_options.h"
 
 namespace {
 
@@ -74,11 +75,12 @@ constexpr SlotName kSlotNames[] = {
     {"ev-prev", kRcSlotEvPrev},
 };
 
-void Usage()
+void Usage(FILE* out)
 {
     fputs("Usage: tarnwick-rcwriter [--name=<shm name>] [--press-ms=<ms>] <command>...\n"
           "       tarnwick-rcwriter [options] -     commands from standard input, one per line,\n"
           "                                         each answered \"ok N\" or \"error N: ...\"\n"
+          "       tarnwick-rcwriter --help\n"
           "Commands (SLOT: 0..43 or a name below):\n"
           "  press SLOT          value 1.0, wait --press-ms (default 1100), value 0.0\n"
           "  hold SLOT VALUE     set the value and leave it (-1.0 pushes a rocker down)\n"
@@ -92,10 +94,10 @@ void Usage()
           "  clear               every slot value and flag to zero\n"
           "  show                print the slots and flags the relay reads\n"
           "Slot names:",
-          stderr);
+          out);
     for (const SlotName& name : kSlotNames)
-        fprintf(stderr, " %s=%d", name.name, name.slot);
-    fputs("\n", stderr);
+        fprintf(out, " %s=%d", name.name, name.slot);
+    fputs("\n", out);
 }
 
 const char* SlotNameOf(size_t slot)
@@ -335,23 +337,26 @@ int main(int argc, char** argv)
         switch (option) {
         case kName:
             name = optarg;
-            break;
+            continue;
         case kPressMs:
-            if (!ParseWhole(optarg, 3600000, &whole)) {
-                Usage();
-                return 1;
-            }
+            if (!ParseToolNumber("tarnwick-rcwriter", "press-ms", optarg, 0, 3600000, &whole))
+                break;
             writer.press_ms = static_cast<uint32_t>(whole);
-            break;
+            continue;
+        case kHelp:
+            Usage(stdout);
+            return 0;
         default:
-            Usage();
-            return 1;
+            break;   // getopt_long named the option
         }
+        Usage(stderr);
+        return kToolUsageError;
     }
     std::vector<std::string> words(argv + optind, argv + argc);
     if (words.empty()) {
-        Usage();
-        return 1;
+        fputs("tarnwick-rcwriter: no command\n", stderr);
+        Usage(stderr);
+        return kToolUsageError;
     }
 
     int fd = -1;
@@ -359,7 +364,7 @@ int main(int argc, char** argv)
     writer.record = MapRcRawState(name, &fd, &missing);
     if (writer.record == nullptr) {
         fprintf(stderr, "tarnwick-rcwriter: cannot map %s: %s\n", name, strerror(errno));
-        return 2;
+        return 1;
     }
     if (missing)
         fprintf(stderr, "tarnwick-rcwriter: created %s\n", name);

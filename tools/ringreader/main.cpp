@@ -22,6 +22,7 @@
 
 #include "net/clock.h"
 #include "video/ring_follower.h"
+#include "tool_options.h"
 
 namespace {
 
@@ -39,13 +40,16 @@ constexpr uint32_t kIdlePollUs = 500;
 constexpr uint32_t kRegionRetryMs = 100;
 
 volatile sig_atomic_t stop_requested = 0;
+constexpr uint32_t kStaleWriterMs = 5000;
 
 void OnStopSignal(int)
 {
     stop_requested = 1;
 }
 
-void Usage()
+constexpr const char* kTool = "tarnwick-ringreader";
+
+void Usage(FILE* out)
 {
     fputs("Usage: tarnwick-ringreader [options]\n"
           "  --out=<file>         write the stream to a file (default: standard output)\n"
@@ -54,13 +58,16 @@ void Usage()
           "  --wait               wait for the ring to be created\n"
           "  --idle-exit=<ms>     end when no part came for this long (after the first)\n"
           "  --parts=<n>          end after n parts\n"
-          "  --name=<region>      shared-memory name (default tarnwickrelay_framebuffer)\n",
-          stderr);
+          "  --name=<region>      shared-memory name (default tarnwickrelay_framebuffer)\n"
+          "  --help               this text\n"
+          "A ring whose writer made no progress for 5 s is said once on standard error (reading goes on).\n",
+          out);
 }
 
+// Returns kToolOptionsOk, or the status to end with.
 int ParseReaderOptions(int argc, char** argv, ReaderOptions* options)
 {
-    enum { kOut = 1, kAll, kClear, kWait, kIdleExit, kParts, kName };
+    enum { kOut = 1, kAll, kClear, kWait, kIdleExit, kParts, kName, kHelp };
     static const struct option long_options[] = {
         {"out", required_argument, nullptr, kOut},
         {"all", no_argument, nullptr, kAll},
@@ -69,20 +76,37 @@ int ParseReaderOptions(int argc, char** argv, ReaderOptions* options)
         {"idle-exit", required_argument, nullptr, kIdleExit},
         {"parts", required_argument, nullptr, kParts},
         {"name", required_argument, nullptr, kName},
+        {"help", no_argument, nullptr, kHelp},
         {nullptr, 0, nullptr, 0},
     };
+    long value = 0;
     for (;;) {
         switch (getopt_long(argc, argv, "", long_options, nullptr)) {
-        case -1: return 0;
-        case kOut: options->out_path = optarg; break;
-        case kAll: options->from_any_part = true; break;
-        case kClear: options->clear_first = true; break;
-        case kWait: options->wait_for_region = true; break;
-        case kIdleExit: options->idle_exit_ms = static_cast<uint32_t>(strtoul(optarg, nullptr, 10)); break;
-        case kParts: options->part_limit = strtoull(optarg, nullptr, 10); break;
-        case kName: options->region_name = optarg; break;
-        default: Usage(); return -1;
+        case -1:
+            if (optind == argc)
+                return kToolOptionsOk;
+            fprintf(stderr, "%s: unexpected argument '%s'\n", kTool, argv[optind]);
+            break;
+        case kOut: options->out_path = optarg; continue;
+        case kAll: options->from_any_part = true; continue;
+        case kClear: options->clear_first = true; continue;
+        case kWait: options->wait_for_region = true; continue;
+        case kIdleExit:
+            if (!ParseToolNumber(kTool, "idle-exit", optarg, 1, 86400000, &value))
+                break;
+            options->idle_exit_ms = static_cast<uint32_t>(value);
+            continue;
+        case kParts:
+            if (!ParseToolNumber(kTool, "parts", optarg, 1, 2000000000, &value))
+                break;
+            options->part_limit = static_cast<uint64_t>(value);
+            continue;
+        case kName: options->region_name = optarg; continue;
+        case kHelp: Usage(stdout); return 0;
+        default: break;   // getopt_long named the option
         }
+        Usage(stderr);
+        return kToolUsageError;
     }
 }
 
@@ -126,8 +150,9 @@ int main(int argc, char** argv)
 {
     static ReaderOptions options;
     static RingFollower follower;
-    if (ParseReaderOptions(argc, argv, &options) != 0)
-        return 1;
+    int parsed = ParseReaderOptions(argc, argv, &options);
+    if (parsed != kToolOptionsOk)
+        return parsed;
     signal(SIGPIPE, SIG_IGN);
     signal(SIGINT, OnStopSignal);
     signal(SIGTERM, OnStopSignal);
@@ -163,6 +188,7 @@ int main(int argc, char** argv)
 
     int status = 0;
     uint32_t last_part_ms = NowMs();
+    bool stale_said = false;
     while (!stop_requested) {
         int delivered = RingFollowerPoll(&follower);
         if (delivered < 0) {
@@ -170,8 +196,18 @@ int main(int argc, char** argv)
             break;
         }
         if (delivered > 0) {
+            if (stale_said)
+                fputs("the writer makes progress again\n", stderr);
+            stale_said = false;
             last_part_ms = NowMs();
             continue;
+        }
+        if (!stale_said && NowMs() - last_part_ms >= kStaleWriterMs) {
+            // No part and an unchanged header for a while: the service is gone, stopped, or has no camera.
+            fprintf(stderr, "no progress from the writer for %u s (last part %u, next slot %u): is the service "
+                    "running with a camera? still waiting\n", kStaleWriterMs / 1000,
+                    RingLoadField(region, kRingLastPartOffset), RingLoadField(region, kRingNextSlotOffset));
+            stale_said = true;
         }
         if (options.idle_exit_ms != 0 && follower.parts > 0 && NowMs() - last_part_ms >= options.idle_exit_ms)
             break;
