@@ -3,7 +3,7 @@
 # UndefinedBehaviorSanitizer, and under ThreadSanitizer; then the fuzz targets
 # in their instrumented build: the committed corpus replayed through each, and
 # each fuzzed for a short while. Any failure, crash or sanitizer report fails
-# the run. System tests need root (they put the daemon
+# the run. Last, the arm64 cross build (scripts/cross.sh). System tests need root (they put the daemon
 # in private network and mount namespaces) and skip elsewhere.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -30,4 +30,6 @@ for variant in build: build-asan:address build-tsan:thread; do
 done
 echo "=== build-fuzz (libFuzzer, ASan + UBSan)"
 scripts/fuzz.sh all "${TARNWICK_FUZZ_SECONDS:-30}" --ci || status=1
+# The board's 64-bit build: cross-compiled, unit tests under qemu-user, its package.
+scripts/cross.sh arm64 || status=1
 exit $status
