@@ -2,9 +2,10 @@
 # Builds and runs every test three times: plain, under AddressSanitizer +
 # UndefinedBehaviorSanitizer, and under ThreadSanitizer; then the fuzz targets
 # in their instrumented build: the committed corpus replayed through each, and
-# each fuzzed for a short while. Any failure, crash or sanitizer report fails
-# the run. Last, the arm64 cross build (scripts/cross.sh). System tests need root (they put the daemon
-# in private network and mount namespaces) and skip elsewhere.
+# each fuzzed for a short while; last, the arm64 cross build (scripts/cross.sh).
+# Any failure, crash or sanitizer report fails the run. System tests need root
+# (they put the daemon in private network and mount namespaces) and skip
+# elsewhere.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
