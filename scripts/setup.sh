@@ -29,7 +29,8 @@ case ${1:-all} in
       armhf) triple=arm-linux-gnueabihf ;;
       *) echo "usage: scripts/setup.sh cross arm64|armhf" >&2; exit 2 ;;
     esac
-    packages=(g++-$triple libcjson-dev:$arch libgtest-dev:$arch libgmock-dev:$arch qemu-user dpkg-dev)
+    # libstdc++6:ARCH: the package's dependencies are computed against the board's own runtime.
+    packages=(g++-$triple libcjson-dev:$arch libgtest-dev:$arch libgmock-dev:$arch libstdc++6:$arch qemu-user dpkg-dev)
     ;;
 esac
 
