@@ -2,7 +2,8 @@
 # Builds and runs every test three times: plain, under AddressSanitizer +
 # UndefinedBehaviorSanitizer, and under ThreadSanitizer; then the fuzz targets
 # in their instrumented build: the committed corpus replayed through each, and
-# each fuzzed for a short while; last, the arm64 cross build (scripts/cross.sh).
+# each fuzzed for a short while; last, the arm64 and armhf cross builds
+# (scripts/cross.sh).
 # Any failure, crash or sanitizer report fails the run. System tests need root
 # (they put the daemon in private network and mount namespaces) and skip
 # elsewhere.
@@ -31,6 +32,7 @@ for variant in build: build-asan:address build-tsan:thread; do
 done
 echo "=== build-fuzz (libFuzzer, ASan + UBSan)"
 scripts/fuzz.sh all "${TARNWICK_FUZZ_SECONDS:-30}" --ci || status=1
-# The board's 64-bit build: cross-compiled, unit tests under qemu-user, its package.
+# The boards' builds (64-bit and 32-bit): cross-compiled, unit tests under qemu-user, their packages.
 scripts/cross.sh arm64 || status=1
+scripts/cross.sh armhf || status=1
 exit $status
