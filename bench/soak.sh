@@ -115,7 +115,7 @@ while True:
 EOF
 pids+=($!)
 
-rss_kb() { awk '/^VmRSS/ { print $2 }' "/proc/$1/status" 2>/dev/null || echo 0; }
+rss_kb() { awk '/^VmRSS/ { found = $2 } END { print found + 0 }' "/proc/$1/status" 2>/dev/null || echo 0; }
 settings=("iso 400" "iso 800" "ev +0.7" "ev -0.7" "wb auto" "iso auto")
 rss_start=0
 rss_peak=0
