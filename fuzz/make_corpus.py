@@ -72,6 +72,8 @@ write("telemetry_report", "capture_all", everything)
 for index, length in enumerate(lengths):
     body = bytes((7 * k + index) & 0xFF for k in range(length - 6))
     write("telemetry_report", "kind_%d" % length, bytes([index]) + body)
+# The gimbal state report: 17 bytes, command set 4, id 0x19, the state bits in its payload.
+write("telemetry_report", "gimbal_state", bytes([0]) + bytes([0x04, 0x02, 0x10, 0x00, 0x00, 0x04, 0x19, 0xB2, 0x00, 0x00, 0x00]))
 
 # --- the main application's commands ---
 tables_source = open(os.path.join(top, "src/control/value_tables.h")).read()
