@@ -128,7 +128,9 @@ TEST(SharedMemoryDeathTest, AFaultOutsideEveryMappingStillEndsTheProcess)
     // Re-executed, for the threads; a run under qemu-user (cross builds) asks for forking instead.
     if (getenv("GTEST_DEATH_TEST_STYLE") == nullptr)
         GTEST_FLAG_SET(death_test_style, "threadsafe");
-    ObjectView registered("/tarnwick-shm-registered-" + std::to_string(getpid()));
+    // The death test's child runs this body again: it must use (and leave to the parent's clean-up) the same name.
+    setenv("TARNWICK_SHM_DEATH_TEST_NAME", ("/tarnwick-shm-registered-" + std::to_string(getpid())).c_str(), 0);
+    ObjectView registered(getenv("TARNWICK_SHM_DEATH_TEST_NAME"));
     SharedMapping mapping;
     ASSERT_EQ(SharedMemoryMap(&mapping, registered.name.c_str(), 4096, false, nullptr, nullptr, nullptr), 0);
     auto touch_a_cut_file = [] {
