@@ -25,3 +25,13 @@ inline bool ParseToolNumber(const char* tool, const char* option, const char* te
     *value = number;
     return true;
 }
+
+// After the options: true when nothing else is on the command line; otherwise
+// names what is there.
+inline bool ToolArgumentsDone(const char* tool, int argc, char** argv, int next)
+{
+    if (next >= argc)
+        return true;
+    fprintf(stderr, "%s: unexpected argument '%s'\n", tool, argv[next]);
+    return false;
+}

@@ -78,9 +78,8 @@ int ParseSimOptions(int argc, char** argv, SimOptions* options)
         int option = getopt_long(argc, argv, "", long_options, nullptr);
         switch (option) {
         case -1:
-            if (optind == argc)
+            if (ToolArgumentsDone(kTool, argc, argv, optind))
                 return kToolOptionsOk;
-            fprintf(stderr, "%s: unexpected argument '%s'\n", kTool, argv[optind]);
             break;
         case kBind: options->bind_host = optarg; continue;
         case kPort:

@@ -83,9 +83,8 @@ int ParseReaderOptions(int argc, char** argv, ReaderOptions* options)
     for (;;) {
         switch (getopt_long(argc, argv, "", long_options, nullptr)) {
         case -1:
-            if (optind == argc)
+            if (ToolArgumentsDone(kTool, argc, argv, optind))
                 return kToolOptionsOk;
-            fprintf(stderr, "%s: unexpected argument '%s'\n", kTool, argv[optind]);
             break;
         case kOut: options->out_path = optarg; continue;
         case kAll: options->from_any_part = true; continue;
