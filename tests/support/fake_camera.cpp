@@ -1,7 +1,5 @@
 #include "support/fake_camera.h"
 
-#include <cstring>
-
 #include "camera/camera_side.h"
 #include "camera/frame.h"
 
@@ -21,10 +19,10 @@ bool FakeCamera::AwaitConnectRequest(int timeout_ms)
 
 void FakeCamera::Send(uint8_t type, uint16_t camera_sequence, const std::vector<uint8_t>& payload)
 {
-    std::vector<uint8_t> datagram(kReceivedHeaderSize + payload.size());
-    BuildCameraDatagramHeader(datagram.data(), kReceivedHeaderSize, datagram.size(), type, camera_sequence);
-    if (!payload.empty())   // (a plain copy of an empty payload draws a false bounds warning from g++ 12 on ARM)
-        memcpy(datagram.data() + kReceivedHeaderSize, payload.data(), payload.size());
+    uint8_t header[kReceivedHeaderSize];
+    BuildCameraDatagramHeader(header, kReceivedHeaderSize, kReceivedHeaderSize + payload.size(), type, camera_sequence);
+    std::vector<uint8_t> datagram(header, header + kReceivedHeaderSize);
+    datagram.insert(datagram.end(), payload.begin(), payload.end());
     SendRaw(datagram);
 }
 
