@@ -66,7 +66,7 @@
 #include "support/child_process.h"
 #include "support/isolation.h"
 #include "video/frame_ring.h"
-#include "video/ring_follower.h"
+#include "tarnwickclient/client.h"
 
 namespace {
 
@@ -674,7 +674,9 @@ int main(int argc, char** argv)
     }
 
     // Warm-up: the first part clears the 60 MB ring; both rings get touched.
-    const uint8_t* daemon_ring = RingFollowerMapRegion(kFrameBufferName);
+    static tarnwick::RingReader daemon_reader;
+    const uint8_t* daemon_ring =
+        tarnwick::RingReaderOpen(&daemon_reader) == 0 ? daemon_reader.region : nullptr;
     if (daemon_ring == nullptr) {
         fputs("cannot map the daemon's ring\n", stderr);
         kill(baseline, SIGKILL);

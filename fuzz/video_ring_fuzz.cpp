@@ -1,6 +1,6 @@
 // The video ring round trip: fuzzed payloads are queued through the writer,
 // read back with the reader algorithm the main application uses (the ring
-// follower), and the bytes compared; a difference, or a part reported lost
+// reader), and the bytes compared; a difference, or a part reported lost
 // while the reader keeps up, is a crash.
 //
 // Input: a run of parts, each [flags][16-bit little-endian length][bytes].
@@ -17,12 +17,11 @@
 #include "fuzz_world.h"
 #include "video/frame_buffer.h"
 #include "video/frame_ring.h"
-#include "video/ring_follower.h"
+#include "tarnwickclient/client.h"
 
 namespace {
 
-uint8_t* ring = nullptr;
-RingFollower follower;
+tarnwick::RingReader reader;
 std::vector<uint8_t> delivered;
 
 int Collect(const uint8_t* data, uint32_t length, void*)
@@ -43,18 +42,16 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     // The start-up clear request is honoured by the first part.
     const uint8_t first[] = {0, 0, 0, 1, 0x65};
     QueueVideoPart(first, sizeof first);
-    ring = RingFollowerMapRegion(kFrameBufferName);
-    if (ring == nullptr)
+    if (tarnwick::RingReaderOpen(&reader) != 0)
         abort();
-    follower.on_chunk = Collect;
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     ResetServiceRecords();   // the writer numbers its parts from 0 again
-    RingFollowerStart(&follower, ring);
-    follower.lost_parts = 0;
+    tarnwick::RingReaderSeekLiveEdge(&reader);
+    reader.counts.lost_parts = 0;
     delivered.clear();
     std::vector<uint8_t> expected, part;
     uint32_t unread_chunks = 0;
@@ -77,19 +74,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             continue;   // the writer refuses an empty part
         uint32_t chunks = static_cast<uint32_t>((part.size() + kRingChunkCapacity - 1) / kRingChunkCapacity);
         if (unread_chunks + chunks > kChunksBeforeRead) {
-            RingFollowerPoll(&follower);
+            tarnwick::RingReaderPoll(&reader, Collect, nullptr);
             unread_chunks = 0;
         }
         QueueVideoPart(part.data(), static_cast<uint32_t>(part.size()));
         expected.insert(expected.end(), part.begin(), part.end());
         unread_chunks += chunks;
         if ((flags & 1) != 0) {
-            RingFollowerPoll(&follower);
+            tarnwick::RingReaderPoll(&reader, Collect, nullptr);
             unread_chunks = 0;
         }
     }
-    RingFollowerPoll(&follower);
-    if (delivered != expected || follower.lost_parts != 0)
+    tarnwick::RingReaderPoll(&reader, Collect, nullptr);
+    if (delivered != expected || reader.counts.lost_parts != 0)
         abort();
     return 0;
 }

@@ -10,7 +10,6 @@
 constexpr uint16_t kAppCommandBufferSize = 10000;
 constexpr size_t kAppHostCapacity = 32;
 constexpr const char* kLocalNoticeHost = "127.0.0.1";
-constexpr uint16_t kLocalNoticePort = 5255;
 
 // The link with the main application: one process-wide record. The
 // destination is written once before any thread that sends starts.

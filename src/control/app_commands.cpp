@@ -18,9 +18,6 @@ std::atomic<int32_t> ZoomRate{0};
 
 namespace {
 
-constexpr uint8_t kJsonCommandMark = '!';
-constexpr uint8_t kZoomRateMark = 5;
-constexpr uint8_t kZoomRateKind = 1;
 
 // The members of one command, each a text or null when absent.
 struct AppCommand {

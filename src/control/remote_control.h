@@ -43,25 +43,13 @@
 #include <cstddef>
 #include <cstdint>
 
-// ---------------------------------------------------------------------------
-// RcRawState: "/shared_rc_raw", exactly 1504 bytes, native (little-endian)
-// byte order.
-//
-//      0 .. 1055   the writer's own bytes; not read here
-//   1056 .. 1407   slot_value: double[44], slot i at 1056 + 8 i
-//   1408 .. 1411   not read here
-//   1412 .. 1499   slot_flag: u16[44], slot i at 1412 + 2 i (only the flags
-//                  of slot 5 and slot 39 are read)
-//   1500 .. 1503   not read here
-//
-// A slot's sign is +1 for a value above 0, -1 below 0, and 0 for zero or a
-// value that is not a number. Sticks and the EV axis run from -1.0 to 1.0.
+#include "tarnwickclient/interface.h"
 
-constexpr const char* kRcRawStateName = "/shared_rc_raw";
-constexpr size_t kRcRawStateSize = 1504;
-constexpr size_t kRcSlotCount = 44;
-constexpr size_t kRcSlotValueOffset = 1056;
-constexpr size_t kRcSlotFlagOffset = 1412;
+using namespace tarnwick::wire;
+
+// ---------------------------------------------------------------------------
+// RcRawState: "/shared_rc_raw", its layout and slots in
+// tarnwickclient/interface.h.
 
 struct RcRawState {
     uint8_t writer_area[kRcSlotValueOffset];
@@ -74,46 +62,7 @@ static_assert(sizeof(RcRawState) == kRcRawStateSize, "RcRawState is 1504 bytes")
 static_assert(offsetof(RcRawState, slot_value) == kRcSlotValueOffset, "slot values at byte 1056");
 static_assert(offsetof(RcRawState, slot_flag) == kRcSlotFlagOffset, "slot flags at byte 1412");
 
-// The slots read here. Slots 3, 10 to 15, 30 to 32 and 43 are not read.
-enum RcSlot : uint8_t {
-    kRcSlotStick0 = 0,               // gimbal stick, first argument of the speed / angle command
-    kRcSlotStick1 = 1,               // second argument
-    kRcSlotStick2 = 2,               // third argument
-    kRcSlotNextPosition = 4,         // button: GimbalNextPosition
-    kRcSlotLockSwitch = 5,           // switch (with its flag): sets gimbal_lock_requested
-    kRcSlotOrientationLock = 6,      // button: toggles the gimbal orientation lock
-    kRcSlotRecordShot = 7,           // level: records (video) or takes a photo (photo)
-    kRcSlotCameraMode = 8,           // button: toggles photo and video
-    kRcSlotFocusType = 9,            // button: toggles AFS and AFC
-    kRcSlotZoomIn = 16,              // zoom: positive zooms in
-    kRcSlotZoomOut = 17,             // zoom: positive zooms out
-    kRcSlotZoomInAlternate = 18,     // zoom: positive zooms in
-    kRcSlotExposureLock = 19,        // button: toggles the auto-exposure lock
-    kRcSlotTracking = 20,            // button: toggles object tracking
-    kRcSlotExposureModeRocker = 21,  // rocker: next / previous exposure program
-    kRcSlotExposureModeNext = 22,
-    kRcSlotExposureModePrev = 23,
-    kRcSlotIsoRocker = 24,
-    kRcSlotIsoNext = 25,
-    kRcSlotIsoPrev = 26,
-    kRcSlotShutterRocker = 27,
-    kRcSlotShutterNext = 28,
-    kRcSlotShutterPrev = 29,
-    kRcSlotColorRocker = 33,
-    kRcSlotColorNext = 34,
-    kRcSlotColorPrev = 35,
-    kRcSlotWhiteBalanceRocker = 36,
-    kRcSlotWhiteBalanceNext = 37,
-    kRcSlotWhiteBalancePrev = 38,
-    kRcSlotEvAxis = 39,              // EV axis (with its flag): sets exposure compensation directly
-    kRcSlotEvRocker = 40,
-    kRcSlotEvNext = 41,
-    kRcSlotEvPrev = 42,
-};
-
 // Cycle periods.
-constexpr uint32_t kRcCyclePeriodMs = 20;           // once MovementMode is set
-constexpr uint32_t kRcIdleCyclePeriodMs = 1000;     // while MovementMode is unset
 constexpr uint32_t kRcStreamPollMs = 100;           // waiting for the camera's stream
 constexpr uint32_t kRcReopenIntervalMs = 1000;      // retrying an object that could not be mapped
 constexpr uint32_t kRcTrackingLostMs = 3000;        // a tracking stamp older than this is lost

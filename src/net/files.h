@@ -5,8 +5,6 @@
 constexpr const char* kBoardModelPath = "/sys/firmware/devicetree/base/model";
 constexpr const char* kBoardSupportedPath = "/run/tarnwickrelay/board_supported";
 constexpr const char* kApIfacePath = "/run/tarnwickrelay/ap.iface";
-constexpr const char* kVideoWidthPath = "/run/tarnwickrelay/video_width";
-constexpr const char* kVideoHeightPath = "/run/tarnwickrelay/video_height";
 
 // Writes `text` (without its terminator) as the whole of `path`: into
 // `path` + ".new" first, renamed over `path`, so that a reader sees the old

@@ -3,6 +3,10 @@
 #include <cstdint>
 #include <mutex>
 
+#include "tarnwickclient/interface.h"
+
+using namespace tarnwick::wire;
+
 // The record of what the camera last reported, one process-wide instance.
 //
 // Settings are kept as the display texts the status line sends and the step
@@ -34,7 +38,6 @@
 
 constexpr size_t kCameraModelCapacity = 21;
 constexpr size_t kShutterSetCapacity = 12;
-constexpr size_t kHistogramBinCount = 64;
 
 struct CameraState {
     int16_t gimbal_attitude[3];      // tenths of a degree
@@ -121,10 +124,8 @@ using CameraStateGuard = std::lock_guard<std::mutex>;
 // A consistent copy of the record, taken under camera_state_lock.
 void CopyCameraState(const CameraState* state, CameraState* copy);
 
-// The gimbal attitude published to other processes: three little-endian i16
-// in a 6-byte POSIX shared-memory region, written at every attitude report.
-constexpr const char* kSharedAttitudeName = "/shared_camstate";
-constexpr size_t kSharedAttitudeSize = 6;
+// The gimbal attitude is also published to other processes, in the
+// "/shared_camstate" region of tarnwickclient/interface.h.
 
 // Back to the record of a fresh start: all zero. (Harnesses and tests that
 // reuse one process for many runs.)

@@ -1,61 +1,13 @@
 #pragma once
-// The live video ring in POSIX shared memory, "tarnwickrelay_framebuffer",
-// shared by the writer (the service, frame_buffer.h), its readers (the main
-// application, tools/ringreader through ring_follower.h) and the benchmark.
-// All numbers little-endian.
-//
-//   region (60003624 bytes) = header (24) + 200 slots of 300018 bytes
-//
-//   header:  0  clear_request  u16   non-zero: the writer clears the whole region
-//                                    before its next part (start-up sets 1)
-//            2  last_part      u16   part number of the newest complete part
-//            4  next_slot      u16   slot the next chunk goes to, 0 to 199
-//            6  18 zero bytes
-//
-//   slot k at 24 + 300018 * k:
-//            0  length         u32   chunk length, 1 to 300000
-//            4  part           u16   part number the chunk belongs to
-//            6  chunk index    u8    within its part, from 0
-//            7  0
-//            8  ten bytes of 1       set when the slot is written
-//           18  data           300000 bytes, the first `length` valid
-//
-// Each video payload is one part, cut into chunks of at most 300000 bytes in
-// consecutive slots. The writer stores, in this order, a chunk's data, its
-// slot header and next_slot, and after the last chunk last_part. next_slot,
-// last_part and clear_request are 16-bit atomic accesses (release stores,
-// acquire loads), so a reader that loads next_slot finds the slots behind it
-// complete. Nothing is locked: a reader that falls 200 chunks behind finds
-// its slots overwritten, which ring_follower detects.
+// The live video ring in POSIX shared memory, "tarnwickrelay_framebuffer":
+// its layout is part of the interface (tarnwickclient/interface.h); here are
+// the writer's accessors, used by frame_buffer.h and the benchmark.
 #include <cstddef>
 #include <cstdint>
 
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-              "the ring's 16-bit header fields are stored natively; they are little-endian on the wire");
+#include "tarnwickclient/interface.h"
 
-constexpr const char* kFrameBufferName = "tarnwickrelay_framebuffer";
-constexpr const char* kTranscodingFrameBufferName = "tarnwickrelay_framebuffer_transcoding";
-constexpr uint32_t kTranscodingFrameBufferSize = 13003624;
-
-constexpr uint32_t kRingHeaderSize = 24;
-constexpr uint32_t kRingSlotCount = 200;
-constexpr uint32_t kRingSlotHeaderSize = 18;
-constexpr uint32_t kRingChunkCapacity = 300000;
-constexpr uint32_t kRingSlotSize = kRingSlotHeaderSize + kRingChunkCapacity;
-constexpr uint32_t kFrameBufferSize = kRingHeaderSize + kRingSlotCount * kRingSlotSize;
-static_assert(kFrameBufferSize == 60003624, "the ring's size is fixed for its readers");
-
-constexpr size_t kRingClearRequestOffset = 0;
-constexpr size_t kRingLastPartOffset = 2;
-constexpr size_t kRingNextSlotOffset = 4;
-
-constexpr size_t kSlotLengthOffset = 0;
-constexpr size_t kSlotPartOffset = 4;
-constexpr size_t kSlotChunkIndexOffset = 6;
-constexpr size_t kSlotWrittenMarksOffset = 8;
-constexpr size_t kSlotWrittenMarkCount = 10;
-constexpr uint8_t kSlotWrittenMark = 1;
-constexpr size_t kSlotDataOffset = kRingSlotHeaderSize;
+using namespace tarnwick::wire;
 
 inline uint8_t* RingSlot(uint8_t* region, uint32_t slot)
 {

@@ -163,12 +163,13 @@ TEST(StatusMonitor, ShowsWhatItCannotDecode)
     ASSERT_TRUE(monitor.WaitForStdout("monitor on 127.0.0.1:5400", 5000));
     UdpPeer sender;
     for (const std::string& datagram : {std::string("\x06\x00\x01\x02", 4), std::string("\x09\x09"),
-                                        std::string("\x07" "a=1,b="), std::string(11, 6)})  // kind 6: no such message
+                                        std::string("\x07" "camera_detected=1,sd=,zz=3,iso=x"), std::string(11, 6)})  // kind 6: no such message
         sender.SendTo(5400, datagram.data(), datagram.size());
     EXPECT_EQ(monitor.WaitExit(5000), 0);
     for (const std::string& text : {std::string("state message of a wrong length, 4 bytes: 06 00 01 02\n"),
                                     std::string("unknown datagram, 2 bytes: 09 09\n"),
-                                    Field("a", "1") + Field("b", "") + "  (last item without its comma)\n",
+                                    Field("camera_detected", "1") + Field("sd", "") +
+                                        "  (2 items not understood)\n  (last item without its comma)\n",
                                     std::string("unknown datagram, 11 bytes: 06 06")})
         EXPECT_NE(monitor.Stdout().find(text), std::string::npos) << text << monitor.Stdout();
 }

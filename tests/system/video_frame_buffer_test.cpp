@@ -19,7 +19,7 @@
 #include "support/isolation.h"
 #include "video/frame_buffer.h"
 #include "video/frame_ring.h"
-#include "video/ring_follower.h"
+#include "tarnwickclient/client.h"
 
 namespace {
 
@@ -225,21 +225,22 @@ TEST_F(FrameBufferTest, RegionsThatCannotBeMadeFailAndNothingIsWritten)
     EXPECT_EQ(Region(kFrameBufferName, kFrameBufferSize).data(0), Payload(100, 0));
 }
 
-// What the follower delivered.
+// What the reader delivered.
 Bytes got_stream;
-std::vector<uint32_t> got_losses;
 
-TEST_F(FrameBufferTest, RingFollowerRebuildsTheStreamCountsLossAndFollowsClears)
+int CollectStream(const uint8_t* data, uint32_t length, void*)
+{
+    got_stream.insert(got_stream.end(), data, data + length);
+    return 0;
+}
+
+TEST_F(FrameBufferTest, RingReaderRebuildsTheStreamCountsLossAndFollowsClears)
 {
     Init(0);
-    uint8_t* region = RingFollowerMapRegion(kFrameBufferName);
-    ASSERT_NE(region, nullptr);
-    std::unique_ptr<RingFollower> follower(new RingFollower);
-    follower->on_chunk = [](const uint8_t* data, uint32_t length, void*) {
-        got_stream.insert(got_stream.end(), data, data + length);
-        return 0;
-    };
-    follower->on_loss = [](uint32_t lost, void*) { got_losses.push_back(lost); };
+    std::unique_ptr<tarnwick::RingReader> reader(new tarnwick::RingReader);
+    ASSERT_EQ(tarnwick::RingReaderOpen(reader.get()), 0);
+    uint8_t* region = reader->region;
+    auto poll = [&] { return tarnwick::RingReaderPoll(reader.get(), CollectStream, nullptr); };
     auto queue_parts = [](uint32_t first, uint32_t count) {   // returns their stream; every 50th in 3 chunks
         Bytes all;
         for (uint32_t part = first; part < first + count; ++part) {
@@ -249,37 +250,36 @@ TEST_F(FrameBufferTest, RingFollowerRebuildsTheStreamCountsLossAndFollowsClears)
         }
         return all;
     };
-    RingFollowerStart(follower.get(), region);
-    EXPECT_EQ(RingFollowerPoll(follower.get()), 0);
+    EXPECT_EQ(poll(), 0);
     for (uint32_t round = 0; round < 2; ++round) {   // 157 slots a round: wraps
         Bytes expected = queue_parts(round * 151, 151);
         got_stream.clear();
-        EXPECT_EQ(RingFollowerPoll(follower.get()), 157);
+        EXPECT_EQ(poll(), 157);
         EXPECT_EQ(got_stream, expected);
     }
-    EXPECT_TRUE(got_losses.empty());
+    EXPECT_EQ(reader->counts.lost_parts, 0u);
 
     // 250 one-slot parts while the reader sleeps: the 50 newest are read, 200 lost.
     got_stream.clear();
     Bytes all = queue_parts(1001, 250);
-    EXPECT_EQ(RingFollowerPoll(follower.get()), 50);
-    EXPECT_EQ(got_losses, std::vector<uint32_t>{200});
+    EXPECT_EQ(poll(), 50);
+    EXPECT_EQ(reader->counts.lost_parts, 200u);
     EXPECT_EQ(got_stream, Bytes(all.end() - static_cast<long>(got_stream.size()), all.end()));
 
     // Its own clear request: nothing is read until the writer has cleared, then from slot 0; and a
     // clear that another reader asked for, honoured between two polls: back to slot 0, nothing lost.
     queue_parts(1301, 5);
-    RingFollowerRequestClear(follower.get());
-    EXPECT_EQ(RingFollowerPoll(follower.get()), 0);
+    tarnwick::RingReaderRequestClear(reader.get());
+    EXPECT_EQ(poll(), 0);
     for (uint32_t count : {5, 2}) {
         got_stream.clear();
         Bytes expected = queue_parts(1400 + count, count);
-        EXPECT_EQ(RingFollowerPoll(follower.get()), static_cast<int>(count));
+        EXPECT_EQ(poll(), static_cast<int>(count));
         EXPECT_EQ(got_stream, expected);
         RingStoreField(region, kRingClearRequestOffset, 1);
     }
-    EXPECT_EQ(got_losses.size(), 1u);
-    munmap(region, kFrameBufferSize);
+    EXPECT_EQ(reader->counts.lost_parts, 200u);
+    EXPECT_EQ(reader->counts.overruns, 0u);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "monitor.h"
+#include "tarnwickclient/client.h"
 
 namespace {
 
@@ -26,30 +27,6 @@ constexpr size_t kWordsMax = 6;
 // Only the main thread of the monitor runs this file.
 char queue[kQueueCapacity][kCommandCapacity];
 size_t queued = 0;
-
-// Appends `text` as a JSON string; false when it does not fit.
-bool AppendJsonString(char* out, size_t capacity, size_t* used, const char* text, size_t length)
-{
-    if (*used + 2 >= capacity)
-        return false;
-    out[(*used)++] = '"';
-    for (size_t i = 0; i < length; ++i) {
-        char c = text[i];
-        if (c == '"' || c == '\\') {
-            if (*used + 1 >= capacity)
-                return false;
-            out[(*used)++] = '\\';
-        }
-        if (*used + 1 >= capacity)
-            return false;
-        out[(*used)++] = c;
-    }
-    if (*used + 1 >= capacity)
-        return false;
-    out[(*used)++] = '"';
-    out[*used] = '\0';
-    return true;
-}
 
 // Builds the datagram text of one command. Returns false for an empty line
 // or one that does not fit.
@@ -63,42 +40,17 @@ bool BuildCommandText(const char* line, char* out, size_t capacity)
         int written = snprintf(out, capacity, "%s%s", line[0] == '!' ? "" : "!", line);
         return written > 0 && static_cast<size_t>(written) < capacity;
     }
+    // Words, cut in place in a copy: cmd, param (name for "set"), value .. value4.
+    char words_text[kCommandCapacity];
+    snprintf(words_text, sizeof words_text, "%s", line);
     const char* words[kWordsMax] = {};
-    size_t lengths[kWordsMax] = {};
     size_t count = 0;
-    for (const char* p = line; *p != '\0' && count < kWordsMax;) {
-        while (*p == ' ' || *p == '\t')
-            ++p;
-        if (*p == '\0')
-            break;
-        words[count] = p;
-        while (*p != '\0' && *p != ' ' && *p != '\t')
-            ++p;
-        lengths[count] = static_cast<size_t>(p - words[count]);
-        ++count;
-    }
-    if (count == 0)
-        return false;
-    bool set = lengths[0] == 3 && strncmp(words[0], "set", 3) == 0;
-    const char* keys[kWordsMax] = {"cmd", set ? "name" : "param", "value", "value2", "value3", "value4"};
-    size_t used = 0;
-    if (capacity < 3)
-        return false;
-    out[used++] = '!';
-    out[used++] = '{';
-    for (size_t i = 0; i < count; ++i) {
-        int written = snprintf(out + used, capacity - used, "%s\"%s\":", i == 0 ? "" : ",", keys[i]);
-        if (written < 0 || static_cast<size_t>(written) >= capacity - used)
-            return false;
-        used += static_cast<size_t>(written);
-        if (!AppendJsonString(out, capacity, &used, words[i], lengths[i]))
-            return false;
-    }
-    if (used + 2 > capacity)
-        return false;
-    out[used++] = '}';
-    out[used] = '\0';
-    return true;
+    char* save = nullptr;
+    for (char* word = strtok_r(words_text, " \t", &save); word != nullptr && count < kWordsMax;
+         word = strtok_r(nullptr, " \t", &save))
+        words[count++] = word;
+    return count > 0 &&
+           tarnwick::FormatCommand(out, capacity, words[0], words[1], words[2], words[3], words[4], words[5]) > 0;
 }
 
 void SendCommandText(const char* text)

@@ -3,13 +3,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <map>
-#include <string>
 
-#include "camera/frame.h"
-#include "control/value_tables.h"
 #include "monitor.h"
-#include "state/status_report.h"
+#include "tarnwickclient/client.h"
+
+using namespace tarnwick::wire;
 
 namespace {
 
@@ -23,9 +21,14 @@ void PrintTime()
            static_cast<long>(now.tv_usec / 1000));
 }
 
-int16_t I16(const uint8_t* data, size_t offset)
+const char* FocusModeName(uint8_t code)
 {
-    return static_cast<int16_t>(ReadLe16(data + offset));
+    switch (code) {
+    case 0x84: return "MF";
+    case 0x85: return "AFS";
+    case 0x86: return "AFC";
+    default: return "?";
+    }
 }
 
 int64_t MonotonicMs()
@@ -73,98 +76,92 @@ void PrintUnknown(const char* what, const uint8_t* data, size_t length)
     printf(length > 64 ? " ...\n" : "\n");
 }
 
-// "key=value," items, one per line: by default only the items whose value
-// changed since the last status line (all of them the first time), every
-// item with --all. Values may hold blanks but no commas.
+// The status line's items, one per line: by default only the items whose
+// value changed since the last status line (all of them the first time),
+// every item with --all. An item missing or malformed is left out.
 void PrintStatusLine(const uint8_t* data, size_t length)
 {
-    static std::map<std::string, std::string> last_values;
+    static char last_values[TARNWICK_STATUS_FIELD_COUNT][2 * TARNWICK_TEXT_CAPACITY];
+    static bool shown_once = false;
+    tarnwick::Report report;
+    tarnwick::ParseReport(data, length, &report);
     PrintTime();
     printf("status line, %zu bytes\n", length);
-    const char* text = reinterpret_cast<const char*>(data) + 1;
-    size_t left = length - 1;
-    while (left > 0) {
-        const char* comma = static_cast<const char*>(memchr(text, ',', left));
-        size_t item_length = comma != nullptr ? static_cast<size_t>(comma - text) : left;
-        const char* equals = static_cast<const char*>(memchr(text, '=', item_length));
-        if (equals == nullptr) {
-            printf("  %.*s (no value)\n", static_cast<int>(item_length), text);
-        } else {
-            int key_length = static_cast<int>(equals - text);
-            int value_length = static_cast<int>(item_length) - key_length - 1;
-            std::string key(text, static_cast<size_t>(key_length)), value(equals + 1, static_cast<size_t>(value_length));
-            auto last = last_values.find(key);
-            bool changed = last == last_values.end() || last->second != value;
-            if (changed || monitor.options.every_message)
-                printf("  %-18.*s %.*s\n", key_length, text, value_length, equals + 1);
-            last_values[key] = value;
-        }
-        if (comma == nullptr) {
-            printf("  (last item without its comma)\n");
-            break;
-        }
-        left -= item_length + 1;
-        text = comma + 1;
+    for (int i = 0; i < TARNWICK_STATUS_FIELD_COUNT; ++i) {
+        char value[sizeof last_values[0]];
+        if (tarnwick_status_field_text(&report.status, i, value, sizeof value) < 0)
+            continue;
+        bool changed = !shown_once || strcmp(value, last_values[i]) != 0;
+        if (changed || monitor.options.every_message)
+            printf("  %-18s %s\n", tarnwick_status_field_name(i), value);
+        memcpy(last_values[i], value, sizeof value);
     }
+    shown_once = true;
+    // What the record could not hold: unknown keys, malformed values, a cut line.
+    const char* text = reinterpret_cast<const char*>(data) + 1;
+    size_t items = 0;
+    for (size_t i = 0; i + 1 < length; ++i)
+        items += text[i] == ',';
+    bool cut = length > 1 && text[length - 2] != ',';
+    items += cut;
+    size_t understood = static_cast<size_t>(__builtin_popcountll(report.status.present));
+    if (items > understood)
+        printf("  (%zu items not understood)\n", items - understood);
+    if (cut)
+        printf("  (last item without its comma)\n");
 }
 
 void PrintStateMessage(const uint8_t* data, size_t length)
 {
-    namespace m = state_message;
-    if (length != m::kSize) {
+    tarnwick::Report report;
+    if (tarnwick::ParseReport(data, length, &report) != TARNWICK_REPORT_STATE) {
         PrintUnknown("state message of a wrong length", data, length);
         return;
     }
     if (Skip(&last_state, data, length))
         return;
     PrintTime();
-    uint8_t flags = data[m::kCameraFlags];
-    uint8_t focus_mode = data[m::kFocusModeCode];
-    uint8_t bits = data[m::kGimbalBits];
-    printf("state: gimbal lock|mode %u, attitude %d %d %d (tenths of a degree)\n", data[m::kGimbalFlags],
-           I16(data, m::kAttitude0), I16(data, m::kAttitude1), I16(data, m::kAttitude2));
-    printf("  camera flags 0x%02x (%s), aux1 0x%02x, aux2 0x%02x\n", flags, RecordingNotice(flags),
-           data[m::kCameraAux1], data[m::kCameraAux2]);
+    const tarnwick::StateMessage& m = report.state;
+    printf("state: gimbal lock|mode %u, attitude %d %d %d (tenths of a degree)\n", m.gimbal_flags, m.attitude[0],
+           m.attitude[1], m.attitude[2]);
+    printf("  camera flags 0x%02x (%s), aux1 0x%02x, aux2 0x%02x\n", m.camera_flags,
+           m.recording ? kRecordingActiveNotice : kRecordingInactiveNotice, m.camera_aux_1, m.camera_aux_2);
     printf("  focus reported %u, mode 0x%02x (%s), param1 %u, param3 %u, point %.3f %.3f, param21 %u, "
            "param31 %u\n",
-           data[m::kFocusReported], focus_mode, SettingReadBack(FocusTypeCodes, focus_mode),
-           ReadLe16(data + m::kFocusParam1), ReadLe16(data + m::kFocusParam3),
-           ReadLe16(data + m::kFocusPointX) / 1000.0, ReadLe16(data + m::kFocusPointY) / 1000.0,
-           data[m::kFocusParam21], data[m::kFocusParam31]);
+           m.focus_reported, m.focus_mode_code, FocusModeName(m.focus_mode_code), m.focus_param_1, m.focus_param_3,
+           m.focus_point_x, m.focus_point_y, m.focus_param_21, m.focus_param_31);
     printf("  ae_aux %u, gimbal limits %d %d %d %d, zoom %u of %u, gimbal bits %u (bit1 %u, bit5 %u, bit4 %u)\n",
-           data[m::kAeAux], I16(data, m::kGimbalLimit0), I16(data, m::kGimbalLimit1), I16(data, m::kGimbalLimit2),
-           I16(data, m::kGimbalLimit3), ReadLe16(data + m::kZoom), ReadLe16(data + m::kZoomMax), bits,
-           (bits >> 2) & 1, (bits >> 1) & 1, bits & 1);
+           m.ae_aux, m.gimbal_limits[0], m.gimbal_limits[1], m.gimbal_limits[2], m.gimbal_limits[3], m.zoom,
+           m.zoom_max, data[state_message::kGimbalBits], m.gimbal_bit1, m.gimbal_bit5, m.gimbal_bit4);
 }
 
 void PrintTrackingMessage(const uint8_t* data, size_t length)
 {
-    namespace m = tracking_message;
-    if (length != m::kSize) {
+    tarnwick::Report report;
+    if (tarnwick::ParseReport(data, length, &report) != TARNWICK_REPORT_TRACKING) {
         PrintUnknown("tracking message of a wrong length", data, length);
         return;
     }
     if (Skip(&last_tracking, data, length))
         return;
     PrintTime();
-    printf("tracking: active %u, box x %.4f y %.4f w %.4f h %.4f\n", data[m::kActive],
-           ReadLe16(data + m::kX) / 65535.0, ReadLe16(data + m::kY) / 65535.0, ReadLe16(data + m::kW) / 65535.0,
-           ReadLe16(data + m::kH) / 65535.0);
+    const tarnwick::TrackingMessage& m = report.tracking;
+    printf("tracking: active %d, box x %.4f y %.4f w %.4f h %.4f\n", m.active, m.x, m.y, m.w, m.h);
 }
 
 // The 64 bins as a bar line (darkest to brightest, left to right) and the
 // numbers.
 void PrintHistogramMessage(const uint8_t* data, size_t length)
 {
-    namespace m = histogram_message;
-    if (length != m::kSize) {
+    tarnwick::Report report;
+    if (tarnwick::ParseReport(data, length, &report) != TARNWICK_REPORT_HISTOGRAM) {
         PrintUnknown("histogram message of a wrong length", data, length);
         return;
     }
     if (Skip(&last_histogram, data, length))
         return;
     static const char kShades[] = " .:-=+*#%@";
-    const uint8_t* bins = data + m::kBins;
+    const uint8_t* bins = report.histogram.bins;
     uint8_t highest = 1;
     for (size_t i = 0; i < kHistogramBinCount; ++i)
         highest = bins[i] > highest ? bins[i] : highest;

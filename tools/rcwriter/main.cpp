@@ -14,6 +14,7 @@
 //
 // The record's layout and the slot numbers come from control/remote_control.h.
 #include <getopt.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,9 +24,10 @@
 #include <string>
 #include <vector>
 
-#include "control/remote_control.h"
-#include "net/clock.h"
+#include "tarnwickclient/client.h"
 #include "tool_options.h"
+
+using namespace tarnwick::wire;
 
 namespace {
 
@@ -140,20 +142,27 @@ bool ParseWhole(const std::string& text, long maximum, long* value)
     return !text.empty() && *end == '\0' && errno == 0 && *value >= 0 && *value <= maximum;
 }
 
+void SleepMs(uint32_t ms)
+{
+    struct timespec left = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
 struct Writer {
-    RcRawState* record = nullptr;
+    tarnwick::RcWriter rc;
     uint32_t press_ms = kDefaultPressMs;
 };
 
-void Show(const RcRawState* record)
+void Show(const tarnwick::RcWriter* record)
 {
     for (size_t slot = 0; slot < kRcSlotCount; ++slot) {
         const char* name = SlotNameOf(slot);
         if (name == nullptr)
             continue;
-        printf("%2zu %-19s %g", slot, name, LoadRcSlotValue(record, slot));
+        printf("%2zu %-19s %g", slot, name, tarnwick::RcWriterValue(record, static_cast<unsigned>(slot)));
         if (slot == kRcSlotLockSwitch || slot == kRcSlotEvAxis)
-            printf("  flag %u", LoadRcSlotFlag(record, slot));
+            printf("  flag %u", tarnwick::RcWriterFlag(record, static_cast<unsigned>(slot)));
         printf("\n");
     }
 }
@@ -162,7 +171,7 @@ void Show(const RcRawState* record)
 // returns false with the reason in *error.
 bool RunCommands(Writer* writer, const std::vector<std::string>& words, std::string* error)
 {
-    RcRawState* record = writer->record;
+    tarnwick::RcWriter* record = &writer->rc;
     size_t at = 0;
     auto argument = [&](size_t count) {
         if (at + count >= words.size()) {
@@ -184,10 +193,10 @@ bool RunCommands(Writer* writer, const std::vector<std::string>& words, std::str
                 return false;
             }
             if (command == "press") {
-                StoreRcSlotValue(record, slot, 1.0);
+                tarnwick::RcWriterSetValue(record, slot, 1.0);
                 SleepMs(writer->press_ms);
             }
-            StoreRcSlotValue(record, slot, 0.0);
+            tarnwick::RcWriterSetValue(record, slot, 0.0);
             at += 2;
         } else if (command == "hold" || command == "set" || command == "flag") {
             if (!argument(2))
@@ -201,13 +210,13 @@ bool RunCommands(Writer* writer, const std::vector<std::string>& words, std::str
                     *error = "bad flag '" + words[at + 2] + "'";
                     return false;
                 }
-                StoreRcSlotFlag(record, slot, static_cast<uint16_t>(whole));
+                tarnwick::RcWriterSetFlag(record, slot, static_cast<uint16_t>(whole));
             } else {
                 if (!ParseReal(words[at + 2], &value)) {
                     *error = "bad value '" + words[at + 2] + "'";
                     return false;
                 }
-                StoreRcSlotValue(record, slot, value);
+                tarnwick::RcWriterSetValue(record, slot, value);
             }
             at += 3;
         } else if (command == "stick") {
@@ -221,17 +230,17 @@ bool RunCommands(Writer* writer, const std::vector<std::string>& words, std::str
                 }
             }
             for (size_t i = 0; i < 3; ++i)
-                StoreRcSlotValue(record, kRcSlotStick0 + i, axes[i]);
+                tarnwick::RcWriterSetValue(record, kRcSlotStick0 + i, axes[i]);
             at += 4;
         } else if (command == "ev") {
             if (!argument(1))
                 return false;
             if (words[at + 1] == "off") {
-                StoreRcSlotFlag(record, kRcSlotEvAxis, 0);
+                tarnwick::RcWriterSetFlag(record, kRcSlotEvAxis, 0);
             } else if (ParseReal(words[at + 1], &value)) {
                 // The value first: the relay never sees the flag with an old value.
-                StoreRcSlotValue(record, kRcSlotEvAxis, value);
-                StoreRcSlotFlag(record, kRcSlotEvAxis, 1);
+                tarnwick::RcWriterSetValue(record, kRcSlotEvAxis, value);
+                tarnwick::RcWriterSetFlag(record, kRcSlotEvAxis, 1);
             } else {
                 *error = "bad value '" + words[at + 1] + "'";
                 return false;
@@ -242,10 +251,10 @@ bool RunCommands(Writer* writer, const std::vector<std::string>& words, std::str
                 return false;
             const std::string& state = words[at + 1];
             if (state == "on" || state == "off") {
-                StoreRcSlotValue(record, kRcSlotLockSwitch, state == "on" ? 1.0 : 0.0);
-                StoreRcSlotFlag(record, kRcSlotLockSwitch, 1);
+                tarnwick::RcWriterSetValue(record, kRcSlotLockSwitch, state == "on" ? 1.0 : 0.0);
+                tarnwick::RcWriterSetFlag(record, kRcSlotLockSwitch, 1);
             } else if (state == "free") {
-                StoreRcSlotFlag(record, kRcSlotLockSwitch, 0);
+                tarnwick::RcWriterSetFlag(record, kRcSlotLockSwitch, 0);
             } else {
                 *error = "lock takes on, off or free";
                 return false;
@@ -262,8 +271,8 @@ bool RunCommands(Writer* writer, const std::vector<std::string>& words, std::str
             at += 2;
         } else if (command == "clear") {
             for (size_t i = 0; i < kRcSlotCount; ++i) {
-                StoreRcSlotValue(record, i, 0.0);
-                StoreRcSlotFlag(record, i, 0);
+                tarnwick::RcWriterSetValue(record, i, 0.0);
+                tarnwick::RcWriterSetFlag(record, i, 0);
             }
             at += 1;
         } else if (command == "show") {
@@ -359,14 +368,11 @@ int main(int argc, char** argv)
         return kToolUsageError;
     }
 
-    int fd = -1;
-    bool missing = false;
-    writer.record = MapRcRawState(name, &fd, &missing);
-    if (writer.record == nullptr) {
+    if (tarnwick::RcWriterOpen(&writer.rc, name) != 0) {
         fprintf(stderr, "tarnwick-rcwriter: cannot map %s: %s\n", name, strerror(errno));
         return 1;
     }
-    if (missing)
+    if (writer.rc.created)
         fprintf(stderr, "tarnwick-rcwriter: created %s\n", name);
 
     if (words.size() == 1 && words[0] == "-")

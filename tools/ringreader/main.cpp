@@ -8,10 +8,12 @@
 // pending), and by default at the first part that begins with a sequence
 // parameter set, so a player gets a stream it can decode from its first byte.
 // Lines on standard error: "following <name> from slot <n>" once reading,
-// "fell behind: lost <n> parts" for each gap, and a summary at the end.
+// "fell behind: lost <n> parts" for each gap, a line when the ring was
+// overrun or made anew,, and a summary at the end.
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,14 +22,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "net/clock.h"
-#include "video/ring_follower.h"
+#include "tarnwickclient/client.h"
 #include "tool_options.h"
 
 namespace {
 
 struct ReaderOptions {
-    const char* region_name = kFrameBufferName;
+    const char* region_name = tarnwick::wire::kFrameBufferName;
     const char* out_path = nullptr;     // standard output when null
     bool from_any_part = false;         // do not wait for a parameter set
     bool clear_first = false;           // ask the writer to restart the ring at slot 0
@@ -109,10 +110,17 @@ int ParseReaderOptions(int argc, char** argv, ReaderOptions* options)
     }
 }
 
+uint32_t NowMs()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1000000);
+}
+
 struct Output {
     int fd;
     uint64_t part_limit;
-    const RingFollower* follower;
+    const tarnwick::RingReader* reader;
     bool limit_reached;
     bool failed;
 };
@@ -120,7 +128,7 @@ struct Output {
 int WriteAll(const uint8_t* data, uint32_t length, void* context)
 {
     Output* output = static_cast<Output*>(context);
-    if (output->part_limit != 0 && output->follower->parts > output->part_limit) {
+    if (output->part_limit != 0 && output->reader->counts.parts > output->part_limit) {
         output->limit_reached = true;
         return -1;
     }
@@ -138,9 +146,15 @@ int WriteAll(const uint8_t* data, uint32_t length, void* context)
     return 0;
 }
 
-void ReportLoss(uint32_t lost_parts, void*)
+// Says what the last poll changed in the reader's counts.
+void ReportCounts(const tarnwick::RingCounts& before, const tarnwick::RingCounts& now)
 {
-    fprintf(stderr, "fell behind: lost %u parts\n", lost_parts);
+    if (now.lost_parts != before.lost_parts)
+        fprintf(stderr, "fell behind: lost %" PRIu64 " parts\n", now.lost_parts - before.lost_parts);
+    if (now.overruns != before.overruns)
+        fputs("fell a whole ring behind: reading on at the writer's position\n", stderr);
+    if (now.restarts != before.restarts)
+        fputs("the ring was cleared or made anew: reading from its start\n", stderr);
 }
 
 }  // namespace
@@ -148,7 +162,7 @@ void ReportLoss(uint32_t lost_parts, void*)
 int main(int argc, char** argv)
 {
     static ReaderOptions options;
-    static RingFollower follower;
+    static tarnwick::RingReader reader;
     int parsed = ParseReaderOptions(argc, argv, &options);
     if (parsed != kToolOptionsOk)
         return parsed;
@@ -165,31 +179,29 @@ int main(int argc, char** argv)
         }
     }
 
-    uint8_t* region = RingFollowerMapRegion(options.region_name);
-    while (region == nullptr && options.wait_for_region && !stop_requested) {
-        SleepMs(kRegionRetryMs);
-        region = RingFollowerMapRegion(options.region_name);
+    reader.start_at_parameter_set = !options.from_any_part;
+    int opened = tarnwick::RingReaderOpen(&reader, options.region_name);
+    while (opened != 0 && options.wait_for_region && !stop_requested) {
+        usleep(kRegionRetryMs * 1000);
+        opened = tarnwick::RingReaderOpen(&reader, options.region_name);
     }
-    if (region == nullptr) {
+    if (opened != 0) {
         fprintf(stderr, "no video ring %s (is the service running?)\n", options.region_name);
         return 1;
     }
 
-    follower.on_chunk = WriteAll;
-    follower.on_loss = ReportLoss;
-    static Output output = {out, options.part_limit, &follower, false, false};
-    follower.context = &output;
-    follower.start_at_parameter_set = !options.from_any_part;
-    RingFollowerStart(&follower, region);
+    static Output output = {out, options.part_limit, &reader, false, false};
     if (options.clear_first)
-        RingFollowerRequestClear(&follower);
-    fprintf(stderr, "following %s from slot %u\n", options.region_name, follower.clear_pending ? 0 : follower.slot);
+        tarnwick::RingReaderRequestClear(&reader);
+    fprintf(stderr, "following %s from slot %u\n", options.region_name, reader.clear_pending ? 0 : reader.slot);
 
     int status = 0;
     uint32_t last_part_ms = NowMs();
     bool stale_said = false;
     while (!stop_requested) {
-        int delivered = RingFollowerPoll(&follower);
+        tarnwick::RingCounts before = reader.counts;
+        int delivered = tarnwick::RingReaderPoll(&reader, WriteAll, &output);
+        ReportCounts(before, reader.counts);
         if (delivered < 0) {
             status = output.failed ? 1 : 0;
             break;
@@ -203,18 +215,18 @@ int main(int argc, char** argv)
         }
         if (!stale_said && NowMs() - last_part_ms >= kStaleWriterMs) {
             // No part and an unchanged header for a while: the service is gone, stopped, or has no camera.
-            fprintf(stderr, "no progress from the writer for %u s (last part %u, next slot %u): is the service "
+            fprintf(stderr, "no progress from the writer for %u s (last part %u, reading slot %u): is the service "
                     "running with a camera? still waiting\n", kStaleWriterMs / 1000,
-                    RingLoadField(region, kRingLastPartOffset), RingLoadField(region, kRingNextSlotOffset));
+                    reader.counts.last_part, reader.slot);
             stale_said = true;
         }
-        if (options.idle_exit_ms != 0 && follower.parts > 0 && NowMs() - last_part_ms >= options.idle_exit_ms)
+        if (options.idle_exit_ms != 0 && reader.counts.parts > 0 && NowMs() - last_part_ms >= options.idle_exit_ms)
             break;
         usleep(kIdlePollUs);
     }
-    uint64_t parts = output.limit_reached ? options.part_limit : follower.parts;
-    fprintf(stderr, "%" PRIu64 " parts, %" PRIu64 " bytes, %" PRIu64 " parts lost\n", parts, follower.bytes,
-            follower.lost_parts);
+    uint64_t parts = output.limit_reached ? options.part_limit : reader.counts.parts;
+    fprintf(stderr, "%" PRIu64 " parts, %" PRIu64 " bytes, %" PRIu64 " parts lost\n", parts, reader.counts.bytes,
+            reader.counts.lost_parts);
     if (out != STDOUT_FILENO)
         close(out);
     return status;

@@ -25,6 +25,10 @@
 // One reader at a time, on the camera receive thread only.
 #include <cstdint>
 
+#include "tarnwickclient/interface.h"
+
+using namespace tarnwick::wire;
+
 struct H264BitReader {
     uint32_t m_nLength = 0;               // length of the data in bytes
     uint32_t m_nCurrentBit = 0;           // index of the next bit to read
@@ -76,14 +80,5 @@ private:
 // number of bytes written.
 uint32_t RemoveEmulationPrevention(const uint8_t* data, uint32_t length, uint8_t* out);
 
-// The H.264 NAL unit type of sequence parameter sets.
-constexpr uint8_t kNalSequenceParameterSet = 7;
-// A payload that begins with a four-byte start code and a NAL unit header
-// whose low four bits are 7 starts with a sequence parameter set; its data
-// follows at kSpsDataOffset. Bytes past `length` are never read.
-constexpr uint32_t kSpsDataOffset = 5;
-inline bool StartsWithSequenceParameterSet(const uint8_t* data, uint32_t length)
-{
-    return length >= kSpsDataOffset && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1 &&
-           (data[4] & 0x0f) == kNalSequenceParameterSet;
-}
+// kSpsDataOffset, StartsWithSequenceParameterSet: tarnwickclient/interface.h
+// (a reader of the ring joins the stream where this reader starts).

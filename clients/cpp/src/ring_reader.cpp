@@ -1,0 +1,333 @@
+// The ring reader (see tarnwickclient/client.h for the rules it follows).
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <cstdlib>
+
+#include "new_record.h"
+#include "tarnwickclient/client.h"
+
+using namespace tarnwick::wire;
+
+namespace tarnwick {
+namespace {
+
+constexpr int64_t kIdentityCheckMs = 100;
+
+int64_t MonotonicMs()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+uint16_t LoadField(const uint8_t* region, size_t offset)
+{
+    return __atomic_load_n(reinterpret_cast<const uint16_t*>(region + offset), __ATOMIC_ACQUIRE);
+}
+
+struct SlotHeader {
+    uint32_t length;
+    uint16_t part;
+    uint8_t chunk_index;
+    bool marked;   // all ten written marks are 1 and byte 7 is 0
+};
+
+SlotHeader ReadSlotHeader(const uint8_t* slot)
+{
+    SlotHeader header;
+    header.length = static_cast<uint32_t>(slot[kSlotLengthOffset]) |
+                    static_cast<uint32_t>(slot[kSlotLengthOffset + 1]) << 8 |
+                    static_cast<uint32_t>(slot[kSlotLengthOffset + 2]) << 16 |
+                    static_cast<uint32_t>(slot[kSlotLengthOffset + 3]) << 24;
+    header.part = static_cast<uint16_t>(slot[kSlotPartOffset] | slot[kSlotPartOffset + 1] << 8);
+    header.chunk_index = slot[kSlotChunkIndexOffset];
+    header.marked = slot[kSlotChunkIndexOffset + 1] == 0;
+    for (size_t i = 0; i < kSlotWrittenMarkCount; ++i)
+        header.marked = header.marked && slot[kSlotWrittenMarksOffset + i] == kSlotWrittenMark;
+    return header;
+}
+
+bool IsWritten(const SlotHeader& header)
+{
+    return header.marked && header.length >= 1 && header.length <= kRingChunkCapacity;
+}
+
+bool SameHeader(const SlotHeader& a, const SlotHeader& b)
+{
+    return a.length == b.length && a.part == b.part && a.chunk_index == b.chunk_index && a.marked == b.marked;
+}
+
+uint8_t* Slot(uint8_t* region, uint32_t slot)
+{
+    return region + kRingHeaderSize + static_cast<size_t>(slot) * kRingSlotSize;
+}
+
+uint32_t WriterSlot(const uint8_t* region)
+{
+    uint32_t slot = LoadField(region, kRingNextSlotOffset);
+    return slot < kRingSlotCount ? slot : 0;   // the writer reads junk as 0 too
+}
+
+// Forgets the current part: the next chunk 0 starts afresh.
+void Resync(RingReader* reader, uint32_t slot, bool keep_loss_count)
+{
+    reader->slot = slot;
+    reader->in_part = false;
+    if (!keep_loss_count)
+        reader->have_previous = false;
+}
+
+void StartAtLiveEdge(RingReader* reader)
+{
+    reader->clear_pending = LoadField(reader->region, kRingClearRequestOffset) != 0;
+    Resync(reader, reader->clear_pending ? 0 : WriterSlot(reader->region), false);
+}
+
+// Decides whether a verified chunk is delivered. `data` is its bytes.
+bool Accept(RingReader* reader, const SlotHeader& header, const uint8_t* data)
+{
+    if (header.chunk_index != 0) {
+        bool continues =
+            reader->in_part && header.part == reader->part && header.chunk_index == reader->next_chunk;
+        if (continues)
+            ++reader->next_chunk;
+        else
+            reader->in_part = false;   // the rest of a part whose start was lost
+        return continues;
+    }
+    if (reader->start_at_parameter_set && reader->counts.parts == 0 &&
+        !StartsWithSequenceParameterSet(data, header.length))
+        return false;
+    if (reader->have_previous)
+        reader->counts.lost_parts += static_cast<uint16_t>(header.part - reader->part - 1);
+    reader->in_part = true;
+    reader->have_previous = true;
+    reader->part = header.part;
+    reader->next_chunk = 1;
+    ++reader->counts.parts;
+    return true;
+}
+
+void Unmap(RingReader* reader)
+{
+    if (reader->region != nullptr)
+        munmap(reader->region, kFrameBufferSize);
+    if (reader->fd >= 0)
+        close(reader->fd);
+    reader->region = nullptr;
+    reader->fd = -1;
+}
+
+int Map(RingReader* reader)
+{
+    int fd = shm_open(reader->name, O_RDWR | O_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    struct stat status;
+    if (fstat(fd, &status) != 0 || status.st_size != static_cast<off_t>(kFrameBufferSize)) {
+        close(fd);
+        return -1;
+    }
+    void* mapping = mmap(nullptr, kFrameBufferSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (mapping == MAP_FAILED) {
+        close(fd);
+        return -1;
+    }
+    reader->fd = fd;
+    reader->device = status.st_dev;
+    reader->inode = status.st_ino;
+    reader->region = static_cast<uint8_t*>(mapping);
+    reader->identity_checked_ms = MonotonicMs();
+    StartAtLiveEdge(reader);
+    return 0;
+}
+
+// False when the mapping no longer shows the ring under its name: the object
+// was cut short (reading it would fault) or removed and made anew.
+bool StillTheRing(RingReader* reader)
+{
+    struct stat mapped;
+    if (fstat(reader->fd, &mapped) != 0 || mapped.st_size < static_cast<off_t>(kFrameBufferSize))
+        return false;
+    int64_t now = MonotonicMs();
+    if (now - reader->identity_checked_ms < kIdentityCheckMs)
+        return true;
+    reader->identity_checked_ms = now;
+    char path[sizeof reader->name + 16];
+    snprintf(path, sizeof path, "/dev/shm/%s", reader->name[0] == '/' ? reader->name + 1 : reader->name);
+    struct stat named;
+    if (stat(path, &named) != 0)
+        return true;   // not (yet) there again: keep reading what is mapped
+    return named.st_dev == reader->device && named.st_ino == reader->inode;
+}
+
+}  // namespace
+
+int RingReaderOpen(RingReader* reader, const char* name)
+{
+    if (name == nullptr || strlen(name) >= sizeof reader->name)
+        return -1;
+    Unmap(reader);
+    snprintf(reader->name, sizeof reader->name, "%s", name);
+    reader->counts = RingCounts{};
+    return Map(reader);
+}
+
+void RingReaderSeekLiveEdge(RingReader* reader)
+{
+    if (reader->region != nullptr)
+        StartAtLiveEdge(reader);
+}
+
+void RingReaderClose(RingReader* reader)
+{
+    Unmap(reader);
+}
+
+void RingReaderRequestClear(RingReader* reader)
+{
+    if (reader->region == nullptr)
+        return;
+    __atomic_store_n(reinterpret_cast<uint16_t*>(reader->region + kRingClearRequestOffset), uint16_t{1},
+                     __ATOMIC_RELEASE);
+    reader->clear_pending = true;
+}
+
+uint16_t RingReaderWriterPart(const RingReader* reader)
+{
+    return reader->region != nullptr ? LoadField(reader->region, kRingLastPartOffset) : 0;
+}
+
+int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
+{
+    if (reader->region != nullptr && !StillTheRing(reader)) {
+        Unmap(reader);
+        ++reader->counts.restarts;
+    }
+    if (reader->region == nullptr && Map(reader) != 0)
+        return 0;
+    uint8_t* region = reader->region;
+    reader->counts.last_part = LoadField(region, kRingLastPartOffset);
+    if (LoadField(region, kRingClearRequestOffset) != 0) {
+        if (!reader->clear_pending)
+            ++reader->counts.restarts;
+        reader->clear_pending = true;
+        return 0;
+    }
+    if (reader->clear_pending) {
+        // The writer has cleared the ring: its parts start again at slot 0.
+        reader->clear_pending = false;
+        Resync(reader, 0, false);
+    }
+
+    int delivered = 0;
+    bool restarted = false;
+    uint32_t writer = WriterSlot(region);
+    while (reader->slot != writer) {
+        uint8_t* slot = Slot(region, reader->slot);
+        SlotHeader header = ReadSlotHeader(slot);
+        if (!IsWritten(header)) {
+            // Cleared since it was passed: the newest parts start at slot 0.
+            // Once only per poll, so that junk cannot keep the reader circling.
+            if (!restarted && reader->slot != 0) {
+                Resync(reader, 0, false);
+                restarted = true;
+            } else {
+                writer = WriterSlot(region);
+                Resync(reader, writer, false);
+            }
+            continue;
+        }
+        uint32_t current = reader->slot;
+        reader->slot = (current + 1) % kRingSlotCount;
+        const uint8_t* data = slot + kSlotDataOffset;
+        bool handed_in_place = false;
+        if (reader->zero_copy) {
+            handed_in_place = Accept(reader, header, data);
+            if (handed_in_place && sink(data, header.length, context) != 0)
+                return -1;
+        } else {
+            memcpy(reader->copy, data, header.length);
+            data = reader->copy;
+        }
+        // The copy (or the sink's reading in place) must be complete before
+        // the writer's position is looked at again: a seqlock reader's fence,
+        // which ThreadSanitizer does not model (the writer is another process).
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpragmas"
+#pragma GCC diagnostic ignored "-Wtsan"
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+#pragma GCC diagnostic pop
+        uint32_t writer_now = WriterSlot(region);
+        if (writer_now == current || !SameHeader(header, ReadSlotHeader(slot))) {
+            // Overwritten while it was read: fell a whole ring behind.
+            ++reader->counts.overruns;
+            writer = writer_now;
+            Resync(reader, writer, true);
+            continue;
+        }
+        if (!reader->zero_copy) {
+            if (!Accept(reader, header, data))
+                continue;
+            if (sink(data, header.length, context) != 0)
+                return -1;
+        } else if (!handed_in_place) {
+            continue;
+        }
+        reader->counts.bytes += header.length;
+        ++delivered;
+    }
+    return delivered;
+}
+
+}  // namespace tarnwick
+
+struct tarnwick_ring {
+    tarnwick::RingReader reader;
+};
+
+extern "C" {
+
+tarnwick_ring* tarnwick_ring_open(const char* name, int start_at_parameter_set)
+{
+    tarnwick_ring* ring = NewRecord<tarnwick_ring>();
+    if (ring == nullptr)
+        return nullptr;
+    ring->reader.start_at_parameter_set = start_at_parameter_set != 0;
+    if (tarnwick::RingReaderOpen(&ring->reader, name != nullptr ? name : kFrameBufferName) != 0) {
+        free(ring);
+        return nullptr;
+    }
+    return ring;
+}
+
+void tarnwick_ring_close(tarnwick_ring* ring)
+{
+    if (ring == nullptr)
+        return;
+    tarnwick::RingReaderClose(&ring->reader);
+    free(ring);
+}
+
+int tarnwick_ring_poll(tarnwick_ring* ring, tarnwick_chunk_sink sink, void* context)
+{
+    return tarnwick::RingReaderPoll(&ring->reader, sink, context);
+}
+
+void tarnwick_ring_request_clear(tarnwick_ring* ring)
+{
+    tarnwick::RingReaderRequestClear(&ring->reader);
+}
+
+void tarnwick_ring_counts_get(const tarnwick_ring* ring, tarnwick_ring_counts* counts)
+{
+    *counts = ring->reader.counts;
+}
+
+}  // extern "C"
