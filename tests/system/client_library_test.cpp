@@ -1,0 +1,157 @@
+// The client library against the real daemon and the camera simulator, as a main application uses it: the
+// status it reads is what the simulator was told to report, a command it sends comes back applied, the video it
+// reads from the ring is the simulator's stream byte for byte, the attitude record matches the state message, and
+// a remote-control button it writes reaches the camera. The example application then records, stops and saves
+// the live video through the same library.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/fake_camera.h"
+#include "support/isolation.h"
+#include "tarnwickclient/client.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+constexpr uint16_t kSimulatorPort = 19004;
+constexpr uint16_t kStatusPort = 15000;
+constexpr int kTimeoutMs = 8000;
+
+std::string FixturePath()
+{
+    return std::string(TARNWICK_SOURCE_DIR) + "/tests/fixtures/h264/stream.h264";
+}
+
+Bytes ReadFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return Bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+}
+
+// True when `stream` is a stretch of `clip` played in a loop.
+bool IsStretchOfLoop(const Bytes& stream, const Bytes& clip)
+{
+    Bytes loop;
+    for (size_t i = 0; i < stream.size() / clip.size() + 2; ++i)
+        loop.insert(loop.end(), clip.begin(), clip.end());
+    return std::search(loop.begin(), loop.end(), stream.begin(), stream.end()) != loop.end();
+}
+
+class ClientLibraryTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        REQUIRE_ISOLATION();
+        mkdir("/run/tarnwickrelay", 0755);
+        ASSERT_TRUE(simulator.Start(CamsimPath(), {"--port=" + std::to_string(kSimulatorPort),
+                                                   "--video=" + FixturePath()}));
+        ASSERT_TRUE(simulator.WaitForStdout("camera simulator on", 5000));
+    }
+    void TearDown() override { tarnwick_link_close(link); }
+
+    void StartDaemon()
+    {
+        link = tarnwick_link_open("127.0.0.1", kStatusPort);
+        ASSERT_NE(link, nullptr);
+        ASSERT_TRUE(daemon.Start(DaemonPath(),
+                                 DaemonArguments(kSimulatorPort, {"--dst-port", std::to_string(kStatusPort)})));
+    }
+    // Receives reports until one of `kind` satisfies `wanted`.
+    bool Await(int kind, const std::function<bool(const tarnwick::Report&)>& wanted, int timeout_ms = kTimeoutMs)
+    {
+        auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
+        while (Clock::now() < end) {
+            int got = tarnwick_link_receive(link, 200, &report);
+            if (got == kind && wanted(report))
+                return true;
+        }
+        return false;
+    }
+    bool Send(const char* cmd, const char* param, const char* value = nullptr)
+    {
+        char text[256];
+        int length = tarnwick::FormatCommand(text, sizeof text, cmd, param, value);
+        return length > 0 && tarnwick_link_send(link, text, static_cast<size_t>(length)) == 0;
+    }
+
+    ChildProcess simulator, daemon;
+    tarnwick_link* link = nullptr;
+    tarnwick::Report report;
+};
+
+TEST_F(ClientLibraryTest, StatusCommandsVideoAttitudeAndRemoteControl)
+{
+    StartDaemon();
+    for (const char* line : {"set battery 57", "set iso_set 400", "set camera_mode photo", "set gimbal_sweep 0",
+                             "set attitude 100 -200 30"})
+        simulator.WriteLine(line);
+    EXPECT_TRUE(Await(TARNWICK_REPORT_STATUS, [](const tarnwick::Report& r) {
+        const tarnwick::Status& s = r.status;
+        return s.camera_detected == 1 && s.battery_level == 57 && std::string(s.iso_set) == "400" &&
+               std::string(s.camera_mode) == "photo" && std::string(s.camera_model) == "DJI Pocket 2" &&
+               s.present == (uint64_t{1} << TARNWICK_STATUS_FIELD_COUNT) - 1;
+    })) << simulator.Stdout() << daemon.Stderr();
+    EXPECT_TRUE(Await(TARNWICK_REPORT_STATE, [](const tarnwick::Report& r) {
+        return r.state.attitude[0] == 100 && r.state.attitude[1] == -200 && r.state.attitude[2] == 30;
+    }));
+    int16_t attitude[3] = {};
+    ASSERT_EQ(tarnwick::ReadAttitude(attitude), 0);
+    EXPECT_EQ(std::vector<int16_t>(attitude, attitude + 3), (std::vector<int16_t>{100, -200, 30}));
+
+    // A command goes back to the port the status came from; the simulator applies it and reports it.
+    ASSERT_TRUE(tarnwick_link_relay_known(link));
+    ASSERT_TRUE(Send("ev", "+0.7"));
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set ev +0.7\n", kTimeoutMs)) << simulator.Stdout();
+    EXPECT_TRUE(Await(TARNWICK_REPORT_STATUS, [](const tarnwick::Report& r) {
+        return std::string(r.status.ev) == "+0.7";
+    }));
+
+    // The live video: from the first parameter set on, a stretch of the simulator's looped clip, byte for byte.
+    ASSERT_TRUE(Send("camera", "mode", "video"));
+    std::unique_ptr<tarnwick::RingReader> reader(new tarnwick::RingReader);
+    reader->start_at_parameter_set = true;
+    ASSERT_EQ(tarnwick::RingReaderOpen(reader.get()), 0);
+    Bytes clip = ReadFile(FixturePath()), stream;
+    auto collect = [](const uint8_t* data, uint32_t length, void* context) {
+        Bytes* out = static_cast<Bytes*>(context);
+        out->insert(out->end(), data, data + length);
+        return 0;
+    };
+    for (auto end = Clock::now() + std::chrono::seconds(20); Clock::now() < end && stream.size() < 2 * clip.size();)
+        if (tarnwick::RingReaderPoll(reader.get(), collect, &stream) == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    ASSERT_GE(stream.size(), 2 * clip.size()) << "the clip went round twice";
+    EXPECT_TRUE(tarnwick::wire::StartsWithSequenceParameterSet(stream.data(), stream.size()));
+    EXPECT_TRUE(IsStretchOfLoop(stream, clip)) << "the ring's stream differs from what the simulator sent";
+    EXPECT_EQ(reader->counts.lost_parts, 0u);
+    int width = 0, height = 0;
+    ASSERT_EQ(tarnwick::ReadResolution(&width, &height), 0);
+    EXPECT_TRUE((width == 320 && height == 240) || (width == 176 && height == 144)) << width << "x" << height;
+    tarnwick::RingReaderClose(reader.get());
+
+    // The remote control: with a movement mode chosen the relay looks every 20 ms; the record level starts a
+    // recording and its release stops it.
+    ASSERT_TRUE(Send("set", "movement", "rel"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300));   // the slow cycle that may be running
+    tarnwick::RcWriter rc;
+    ASSERT_EQ(tarnwick::RcWriterOpen(&rc), 0);
+    ASSERT_EQ(tarnwick::RcWriterSetValue(&rc, tarnwick::wire::kRcSlotRecordShot, 1.0), 0);
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set recording 1\n", kTimeoutMs)) << simulator.Stdout();
+    EXPECT_TRUE(Await(TARNWICK_REPORT_STATE, [](const tarnwick::Report& r) { return r.state.recording != 0; }));
+    ASSERT_EQ(tarnwick::RcWriterSetValue(&rc, tarnwick::wire::kRcSlotRecordShot, 0.0), 0);
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set recording 0\n", kTimeoutMs)) << simulator.Stdout();
+    tarnwick::RcWriterClose(&rc);
+}
+
+}  // namespace
