@@ -5,7 +5,10 @@
 #
 # - its contents and control data (dpkg-deb -c / -I): the programs, the unit,
 #   the defaults conffile, the sysctl file, the NAT clean-up, the manual
-#   pages; dependencies no wider than the C and C++ runtimes and libcjson1;
+#   pages, the client library with its headers and pkg-config file;
+#   dependencies no wider than the C and C++ runtimes and libcjson1;
+# - a C++ and a C program build against the client library as installed,
+#   through pkg-config;
 # - lintian reports no error;
 # - the unit: systemd-analyze verify, and a security exposure of 4.0 or less;
 # - the daemon starts under the unit's confinement (its capability bounding
@@ -25,7 +28,8 @@ for path in ./usr/bin/tarnwickrelay ./usr/bin/tarnwick-camsim ./usr/bin/tarnwick
             ./usr/bin/tarnwick-rcwriter ./lib/systemd/system/tarnwickrelay.service ./etc/default/tarnwickrelay \
             ./usr/lib/sysctl.d/60-tarnwickrelay.conf ./usr/lib/tarnwickrelay/remove-nat-rules \
             ./usr/share/man/man8/tarnwickrelay.8.gz ./usr/share/man/man1/tarnwick-monitor.1.gz \
-            ./usr/share/doc/tarnwickrelay/copyright; do
+            ./usr/share/doc/tarnwickrelay/copyright ./usr/include/tarnwickclient.h \
+            ./usr/include/tarnwickclient/client.h ./usr/include/tarnwickclient/interface.h; do
   grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
 done
 info=$(dpkg-deb -I "$deb")
@@ -41,6 +45,20 @@ for script in postinst prerm postrm conffiles; do grep -q " $script" <<<"$info" 
 dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/default/tarnwickrelay || fail "defaults not a conffile"
 grep -q 'sysctl.d' <<<"$contents" && grep -q 'net.core.rmem_max = 10000000' <(dpkg-deb --fsys-tarfile "$deb" |
   tar -xO ./usr/lib/sysctl.d/60-tarnwickrelay.conf) || fail "the sysctl file does not raise rmem_max"
+
+grep -q '/libtarnwickclient.a$' <<<"$contents" || fail "the package lacks the client library"
+grep -q '/pkgconfig/tarnwickclient.pc$' <<<"$contents" || fail "the package lacks tarnwickclient.pc"
+
+# The client library as an application developer finds it.
+mkdir "$work/dev"
+dpkg-deb -x "$deb" "$work/dev"
+source_dir=$(cd "$(dirname "$0")/../.." && pwd)
+export PKG_CONFIG_PATH; PKG_CONFIG_PATH=$(dirname "$(find "$work/dev" -name tarnwickclient.pc)")
+g++ -std=c++17 -o "$work/recorder" "$source_dir/examples/recorder.cpp" $(pkg-config --cflags --libs tarnwickclient) ||
+  fail "the example does not build against the installed client library"
+gcc -o "$work/c_api_check" "$source_dir/tests/client/c_api_check.c" $(pkg-config --cflags --libs tarnwickclient) ||
+  fail "a C program does not build against the installed client library"
+"$work/c_api_check" || fail "the C program against the installed library"
 
 if command -v lintian >/dev/null; then
   errors=$(lintian --tag-display-limit 0 "$deb" 2>/dev/null | grep '^E:' || true)

@@ -154,4 +154,29 @@ TEST_F(ClientLibraryTest, StatusCommandsVideoAttitudeAndRemoteControl)
     tarnwick::RcWriterClose(&rc);
 }
 
+TEST_F(ClientLibraryTest, TheExampleApplicationRecordsAndSavesTheVideo)
+{
+    ChildProcess recorder;
+    ASSERT_TRUE(recorder.Start(TARNWICK_RECORDER_PATH, {"--port=" + std::to_string(kStatusPort), "--out=/run/live.h264"}));
+    ASSERT_TRUE(recorder.WaitForStdout("listening on 127.0.0.1:15000", 5000)) << recorder.Stderr();
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(kSimulatorPort, {"--dst-port", std::to_string(kStatusPort)})));
+    ASSERT_TRUE(recorder.WaitForStdout("camera DJI Pocket 2, mode video, 3840x2160@30", kTimeoutMs))
+        << recorder.Stdout() << daemon.Stderr();
+    recorder.WriteLine("r");
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set recording 1\n", kTimeoutMs)) << recorder.Stdout();
+    EXPECT_TRUE(recorder.WaitForStdout("recording started\n", kTimeoutMs)) << recorder.Stdout();
+    EXPECT_TRUE(recorder.WaitForStdout(", RECORDING\n", kTimeoutMs)) << recorder.Stdout();
+    recorder.WriteLine("r");
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set recording 0\n", kTimeoutMs)) << recorder.Stdout();
+    EXPECT_TRUE(recorder.WaitForStdout("recording stopped\n", kTimeoutMs)) << recorder.Stdout();
+    std::this_thread::sleep_for(std::chrono::seconds(2));   // some video
+    recorder.WriteLine("q");
+    ASSERT_EQ(recorder.WaitExit(5000), 0) << recorder.Stderr();
+    Bytes video = ReadFile("/run/live.h264");
+    EXPECT_GT(video.size(), 1000u) << recorder.Stdout();
+    EXPECT_TRUE(tarnwick::wire::StartsWithSequenceParameterSet(video.data(), video.size()));
+    EXPECT_TRUE(IsStretchOfLoop(video, ReadFile(FixturePath())));
+    EXPECT_NE(recorder.Stdout().find(", 0 parts lost\n"), std::string::npos) << recorder.Stdout();
+}
+
 }  // namespace
