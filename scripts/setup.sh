@@ -12,6 +12,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config      # toolchain
   libcjson-dev                          # JSON commands
+  libncurses-dev tmux                   # the monitor's full-screen view, and its test
   libgtest-dev libgmock-dev             # tests
   iproute2 iptables util-linux          # namespaces, NAT rule, unshare
   ffmpeg x264                           # H.264 fixtures and decoding checks
@@ -21,7 +22,7 @@ packages=(
 )
 
 case ${1:-all} in
-  run) packages=(build-essential cmake pkg-config libcjson-dev ffmpeg x264 iproute2) ;;
+  run) packages=(build-essential cmake pkg-config libcjson-dev libncurses-dev ffmpeg x264 iproute2) ;;
   cross)
     arch=${2:?usage: scripts/setup.sh cross arm64|armhf}
     case $arch in
@@ -30,7 +31,7 @@ case ${1:-all} in
       *) echo "usage: scripts/setup.sh cross arm64|armhf" >&2; exit 2 ;;
     esac
     # libstdc++6:ARCH: the package's dependencies are computed against the board's own runtime.
-    packages=(g++-$triple libcjson-dev:$arch libgtest-dev:$arch libgmock-dev:$arch libstdc++6:$arch qemu-user dpkg-dev)
+    packages=(g++-$triple libcjson-dev:$arch libncurses-dev:$arch libgtest-dev:$arch libgmock-dev:$arch libstdc++6:$arch qemu-user dpkg-dev)
     ;;
 esac
 

@@ -6,7 +6,7 @@
 # - its contents and control data (dpkg-deb -c / -I): the programs, the unit,
 #   the defaults conffile, the sysctl file, the NAT clean-up, the manual
 #   pages, the client library with its headers and pkg-config file;
-#   dependencies no wider than the C and C++ runtimes and libcjson1;
+#   dependencies no wider than the C and C++ runtimes, libcjson1 and ncurses;
 # - a C++ and a C program build against the client library as installed,
 #   through pkg-config;
 # - lintian reports no error;
@@ -36,7 +36,7 @@ info=$(dpkg-deb -I "$deb")
 depends=$(sed -n 's/^ Depends: //p' <<<"$info")
 for dependency in ${depends//,/ }; do
   case $dependency in
-    libc6|libcjson1|libstdc++6|libgcc-s1|\(*|*\)) ;;
+    libc6|libcjson1|libstdc++6|libgcc-s1|libncursesw6|libtinfo6|\(*|*\)) ;;
     *) fail "unexpected run-time dependency $dependency (all: $depends)" ;;
   esac
 done

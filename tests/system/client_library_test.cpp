@@ -2,7 +2,8 @@
 // status it reads is what the simulator was told to report, a command it sends comes back applied, the video it
 // reads from the ring is the simulator's stream byte for byte, the attitude record matches the state message, and
 // a remote-control button it writes reaches the camera. The example application then records, stops and saves
-// the live video through the same library.
+// the live video through the same library, and the monitor's full-screen view, driven under tmux, shows the
+// state and the video rate and sends what its keys and command line ask for.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -17,6 +18,7 @@
 #include "support/child_process.h"
 #include "support/fake_camera.h"
 #include "support/isolation.h"
+#include "support/netns.h"
 #include "tarnwickclient/client.h"
 
 namespace {
@@ -177,6 +179,81 @@ TEST_F(ClientLibraryTest, TheExampleApplicationRecordsAndSavesTheVideo)
     EXPECT_TRUE(tarnwick::wire::StartsWithSequenceParameterSet(video.data(), video.size()));
     EXPECT_TRUE(IsStretchOfLoop(video, ReadFile(FixturePath())));
     EXPECT_NE(recorder.Stdout().find(", 0 parts lost\n"), std::string::npos) << recorder.Stdout();
+}
+
+// The screen of a program run in a detached tmux session with its own server socket in the private /run.
+class TmuxScreen {
+public:
+    bool Start(const std::string& command)
+    {
+        tmux_ = FindProgram("tmux");
+        return !tmux_.empty() && Run({"new-session", "-d", "-x", "110", "-y", "36", command}, nullptr);
+    }
+    ~TmuxScreen() { Run({"kill-server"}, nullptr); }
+    void Keys(const std::vector<std::string>& keys)
+    {
+        std::vector<std::string> arguments = {"send-keys", "-t", "0"};
+        arguments.insert(arguments.end(), keys.begin(), keys.end());
+        Run(arguments, nullptr);
+    }
+    std::string Text()
+    {
+        std::string out;
+        Run({"capture-pane", "-p", "-t", "0"}, &out);
+        return out;
+    }
+    // Waits until the screen satisfies `shows`; the last screen is kept for messages.
+    bool Await(const std::function<bool(const std::string&)>& shows, int timeout_ms = kTimeoutMs)
+    {
+        for (auto end = Clock::now() + std::chrono::milliseconds(timeout_ms); Clock::now() < end;) {
+            if (shows(last = Text()))
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return false;
+    }
+    bool AwaitText(const std::string& text) { return Await([&](const std::string& s) { return s.find(text) != std::string::npos; }); }
+    std::string last;
+
+private:
+    bool Run(std::vector<std::string> arguments, std::string* out)
+    {
+        arguments.insert(arguments.begin(), {tmux_, "-S", "/run/tmux.sock"});
+        return RunProgram(arguments, out) == 0;
+    }
+    std::string tmux_;
+};
+
+TEST_F(ClientLibraryTest, TheMonitorsFullScreenViewShowsTheStateAndTakesKeys)
+{
+    TmuxScreen screen;
+    ASSERT_TRUE(screen.Start(ToolPath("monitor") + " --tui --port=" + std::to_string(kStatusPort)))
+        << "tmux is installed by scripts/setup.sh";
+    ASSERT_TRUE(screen.AwaitText("waiting for the relay's status")) << screen.last;
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(kSimulatorPort, {"--dst-port", std::to_string(kStatusPort)})));
+    for (const char* line : {"set battery 57", "set gimbal_sweep 0", "set attitude 100 -200 30"})
+        simulator.WriteLine(line);
+    for (const char* text : {"camera     DJI Pocket 2", "battery    57 %", "attitude   10.0  -20.0  3.0 deg",
+                             "format     3840x2160@30", "last status 0."})
+        EXPECT_TRUE(screen.AwaitText(text)) << text << "\n" << screen.last;
+    EXPECT_TRUE(screen.Await([](const std::string& s) {   // video flows: a rate above zero
+        size_t at = s.find(" parts/s");
+        return at != std::string::npos && at > 0 && s[at - 1] >= '1' && s[at - 1] <= '9';
+    })) << screen.last;
+
+    screen.Keys({"r"});
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set recording 1\n", kTimeoutMs)) << screen.Text();
+    EXPECT_TRUE(screen.AwaitText("   RECORDING   notice rec_active")) << screen.last;
+    screen.Keys({":", "iso 800", "Enter"});
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set iso_set 800\n", kTimeoutMs)) << screen.Text();
+    EXPECT_TRUE(screen.AwaitText("(set 800)")) << screen.last;
+    EXPECT_TRUE(screen.AwaitText("sent: !{\"cmd\":\"iso\",\"param\":\"800\"}")) << screen.last;
+    screen.Keys({"r"});
+    EXPECT_TRUE(simulator.WaitForStdout("applied: set recording 0\n", kTimeoutMs)) << screen.Text();
+    screen.Keys({"q"});
+    EXPECT_TRUE(screen.Await([](const std::string& s) { return s.empty(); }, 3000) ||
+                screen.Text().find("tarnwick-monitor") == std::string::npos)
+        << "q ends the view";
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -53,15 +54,30 @@ bool BuildCommandText(const char* line, char* out, size_t capacity)
            tarnwick::FormatCommand(out, capacity, words[0], words[1], words[2], words[3], words[4], words[5]) > 0;
 }
 
+// What happened to a command: a line of output, or the full-screen view's message line.
+void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void Say(const char* format, ...)
+{
+    char line[kCommandCapacity + 64];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    if (monitor.on_message != nullptr)
+        monitor.on_message(line);
+    else
+        printf("%s\n", line);
+}
+
 void SendCommandText(const char* text)
 {
     ssize_t sent = sendto(monitor.status_socket, text, strlen(text), 0,
                           reinterpret_cast<const struct sockaddr*>(&monitor.daemon_address),
                           sizeof monitor.daemon_address);
     if (sent < 0)
-        printf("command not sent: %s\n", text);
+        Say("command not sent: %s", text);
     else
-        printf("sent: %s\n", text);
+        Say("sent: %s", text);
 }
 
 }  // namespace
@@ -71,7 +87,7 @@ void SendMonitorCommand(const char* line)
     char text[kCommandCapacity];
     if (!BuildCommandText(line, text, sizeof text)) {
         if (line[strspn(line, " \t")] != '\0')
-            printf("command too long: %.60s...\n", line);
+            Say("command too long: %.60s...", line);
         return;
     }
     if (monitor.daemon_known) {
@@ -79,11 +95,11 @@ void SendMonitorCommand(const char* line)
         return;
     }
     if (queued == kQueueCapacity) {
-        printf("command dropped, service not heard yet: %s\n", text);
+        Say("command dropped, service not heard yet: %s", text);
         return;
     }
     memcpy(queue[queued++], text, sizeof text);
-    printf("waiting for the service: %s\n", text);
+    Say("waiting for the service: %s", text);
 }
 
 void SendQueuedCommands()

@@ -32,6 +32,8 @@ void Usage(FILE* out)
           "  --send=<command>       send a command to the service once it is heard (repeatable);\n"
           "                         lines on standard input are commands too. A command is JSON\n"
           "                         ({\"cmd\":\"iso\",\"param\":\"400\"}) or words (iso 400; set movement abs)\n"
+          "  --tui                  full-screen live view: the state grouped, the video rate, a command\n"
+          "                         line; keys r record/stop, p photo, : command, q quit\n"
           "  --help                 this text\n",
           out);
 }
@@ -39,7 +41,7 @@ void Usage(FILE* out)
 // Returns kToolOptionsOk, or the status to end with.
 int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
 {
-    enum { kBind = 1, kPort, kNoticePort, kAll, kCount, kSend, kHelp };
+    enum { kBind = 1, kPort, kNoticePort, kAll, kCount, kSend, kTui, kHelp };
     static const struct option long_options[] = {
         {"bind", required_argument, nullptr, kBind},
         {"port", required_argument, nullptr, kPort},
@@ -47,6 +49,7 @@ int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
         {"all", no_argument, nullptr, kAll},
         {"count", required_argument, nullptr, kCount},
         {"send", required_argument, nullptr, kSend},
+        {"tui", no_argument, nullptr, kTui},
         {"help", no_argument, nullptr, kHelp},
         {nullptr, 0, nullptr, 0},
     };
@@ -70,6 +73,7 @@ int ParseMonitorOptions(int argc, char** argv, MonitorOptions* options)
             options->notice_port = static_cast<uint16_t>(value);
             continue;
         case kAll: options->every_message = true; continue;
+        case kTui: options->full_screen = true; continue;
         case kCount:
             if (!ParseToolNumber(kTool, "count", optarg, 1, 1000000000, &value))
                 break;
@@ -124,6 +128,8 @@ int main(int argc, char** argv)
             return 1;
         }
     }
+    if (options.full_screen)
+        return RunFullScreen();
     printf("monitor on %s:%u, notices on %u\n", options.bind_host, options.status_port, options.notice_port);
 
     static uint8_t datagram[kMaxDatagram];

@@ -18,6 +18,7 @@ struct MonitorOptions {
     uint16_t status_port = 5000;
     uint16_t notice_port = 5255;
     bool every_message = false;   // print binary messages even when unchanged
+    bool full_screen = false;     // --tui
     long exit_after = -1;         // datagrams to receive before exiting; -1: run on
 };
 
@@ -28,6 +29,7 @@ struct Monitor {
     struct sockaddr_in daemon_address{};  // source of the latest status datagram
     bool daemon_known = false;
     bool stdin_open = true;               // commands are read from standard input until it ends
+    void (*on_message)(const char* line) = nullptr;   // where command messages go; null: standard output
 };
 extern Monitor monitor;
 
@@ -38,6 +40,10 @@ void SendMonitorCommand(const char* line);
 void SendQueuedCommands();
 // Reads what standard input holds and sends each complete line.
 void ReadCommandInput();
+
+// The full-screen live view (tui.cpp): runs until the user quits. Returns
+// the exit status.
+int RunFullScreen();
 
 // Prints one datagram from the status port / the notice port.
 void PrintStatusDatagram(const uint8_t* data, size_t length);
