@@ -26,39 +26,12 @@ int64_t MonotonicMs()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-uint16_t LoadField(const uint8_t* region, size_t offset)
-{
-    return __atomic_load_n(reinterpret_cast<const uint16_t*>(region + offset), __ATOMIC_ACQUIRE);
-}
-
-struct SlotHeader {
-    uint32_t length;
-    uint16_t part;
-    uint8_t chunk_index;
-    bool marked;   // all ten written marks are 1 and byte 7 is 0
-};
-
-SlotHeader ReadSlotHeader(const uint8_t* slot)
-{
-    SlotHeader header;
-    header.length = static_cast<uint32_t>(slot[kSlotLengthOffset]) |
-                    static_cast<uint32_t>(slot[kSlotLengthOffset + 1]) << 8 |
-                    static_cast<uint32_t>(slot[kSlotLengthOffset + 2]) << 16 |
-                    static_cast<uint32_t>(slot[kSlotLengthOffset + 3]) << 24;
-    header.part = static_cast<uint16_t>(slot[kSlotPartOffset] | slot[kSlotPartOffset + 1] << 8);
-    header.chunk_index = slot[kSlotChunkIndexOffset];
-    header.marked = slot[kSlotChunkIndexOffset + 1] == 0;
-    for (size_t i = 0; i < kSlotWrittenMarkCount; ++i)
-        header.marked = header.marked && slot[kSlotWrittenMarksOffset + i] == kSlotWrittenMark;
-    return header;
-}
-
-bool IsWritten(const SlotHeader& header)
+bool IsWritten(const RingSlotHeader& header)
 {
     return header.marked && header.length >= 1 && header.length <= kRingChunkCapacity;
 }
 
-bool SameHeader(const SlotHeader& a, const SlotHeader& b)
+bool SameHeader(const RingSlotHeader& a, const RingSlotHeader& b)
 {
     return a.length == b.length && a.part == b.part && a.chunk_index == b.chunk_index && a.marked == b.marked;
 }
@@ -70,7 +43,7 @@ uint8_t* Slot(uint8_t* region, uint32_t slot)
 
 uint32_t WriterSlot(const uint8_t* region)
 {
-    uint32_t slot = LoadField(region, kRingNextSlotOffset);
+    uint32_t slot = RingLoadField(region, kRingNextSlotOffset);
     return slot < kRingSlotCount ? slot : 0;   // the writer reads junk as 0 too
 }
 
@@ -85,12 +58,12 @@ void Resync(RingReader* reader, uint32_t slot, bool keep_loss_count)
 
 void StartAtLiveEdge(RingReader* reader)
 {
-    reader->clear_pending = LoadField(reader->region, kRingClearRequestOffset) != 0;
+    reader->clear_pending = RingLoadField(reader->region, kRingClearRequestOffset) != 0;
     Resync(reader, reader->clear_pending ? 0 : WriterSlot(reader->region), false);
 }
 
 // Decides whether a verified chunk is delivered. `data` is its bytes.
-bool Accept(RingReader* reader, const SlotHeader& header, const uint8_t* data)
+bool Accept(RingReader* reader, const RingSlotHeader& header, const uint8_t* data)
 {
     if (header.chunk_index != 0) {
         bool continues =
@@ -201,7 +174,7 @@ void RingReaderRequestClear(RingReader* reader)
 
 uint16_t RingReaderWriterPart(const RingReader* reader)
 {
-    return reader->region != nullptr ? LoadField(reader->region, kRingLastPartOffset) : 0;
+    return reader->region != nullptr ? RingLoadField(reader->region, kRingLastPartOffset) : 0;
 }
 
 int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
@@ -213,8 +186,8 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
     if (reader->region == nullptr && Map(reader) != 0)
         return 0;
     uint8_t* region = reader->region;
-    reader->counts.last_part = LoadField(region, kRingLastPartOffset);
-    if (LoadField(region, kRingClearRequestOffset) != 0) {
+    reader->counts.last_part = RingLoadField(region, kRingLastPartOffset);
+    if (RingLoadField(region, kRingClearRequestOffset) != 0) {
         if (!reader->clear_pending)
             ++reader->counts.restarts;
         reader->clear_pending = true;
@@ -231,7 +204,7 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
     uint32_t writer = WriterSlot(region);
     while (reader->slot != writer) {
         uint8_t* slot = Slot(region, reader->slot);
-        SlotHeader header = ReadSlotHeader(slot);
+        RingSlotHeader header = RingReadSlotHeader(slot);
         if (!IsWritten(header)) {
             // Cleared since it was passed: the newest parts start at slot 0.
             // Once only per poll, so that junk cannot keep the reader circling.
@@ -265,7 +238,7 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
         __atomic_thread_fence(__ATOMIC_ACQUIRE);
 #pragma GCC diagnostic pop
         uint32_t writer_now = WriterSlot(region);
-        if (writer_now == current || !SameHeader(header, ReadSlotHeader(slot))) {
+        if (writer_now == current || !SameHeader(header, RingReadSlotHeader(slot))) {
             // Overwritten while it was read: fell a whole ring behind.
             ++reader->counts.overruns;
             writer = writer_now;

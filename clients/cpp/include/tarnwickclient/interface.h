@@ -133,6 +133,35 @@ constexpr size_t kSlotWrittenMarkCount = 10;
 constexpr uint8_t kSlotWrittenMark = 1;
 constexpr size_t kSlotDataOffset = kRingSlotHeaderSize;
 
+// Reading the ring's header fields and slot headers (the reader's side of the
+// layout above). The header fields sit at offsets 0, 2, 4 of a page-aligned
+// mapping: naturally aligned, loaded whole.
+inline uint16_t RingLoadField(const uint8_t* region, size_t offset)
+{
+    return __atomic_load_n(reinterpret_cast<const uint16_t*>(region + offset), __ATOMIC_ACQUIRE);
+}
+
+// A slot header as stored: length, part, chunk index, 0, ten marks.
+struct RingSlotHeader {
+    uint32_t length;
+    uint16_t part;
+    uint8_t chunk_index;
+    bool marked;   // all ten written marks are 1 and byte 7 is 0
+};
+
+inline RingSlotHeader RingReadSlotHeader(const uint8_t* slot)
+{
+    RingSlotHeader header;
+    header.length = static_cast<uint32_t>(slot[0]) | static_cast<uint32_t>(slot[1]) << 8 |
+                    static_cast<uint32_t>(slot[2]) << 16 | static_cast<uint32_t>(slot[3]) << 24;
+    header.part = static_cast<uint16_t>(slot[kSlotPartOffset] | slot[kSlotPartOffset + 1] << 8);
+    header.chunk_index = slot[kSlotChunkIndexOffset];
+    header.marked = slot[kSlotChunkIndexOffset + 1] == 0;
+    for (size_t i = 0; i < kSlotWrittenMarkCount; ++i)
+        header.marked = header.marked && slot[kSlotWrittenMarksOffset + i] == kSlotWrittenMark;
+    return header;
+}
+
 // Where the stream can be joined: a part that begins with a four-byte start
 // code and a NAL unit header whose low four bits are 7 starts with a sequence
 // parameter set (its data follows at kSpsDataOffset). Bytes past `length` are
