@@ -58,7 +58,7 @@
 #include <thread>
 #include <vector>
 
-#include "camera/camera_side.h"
+#include "sim/camera_side.h"
 #include "camera/frame.h"
 #include "bridge/mimo_bridge.h"
 #include "control/remote_control.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "camera/camera_side.h"
+#include "sim/camera_side.h"
 #include "camera/crc.h"
 #include "camera/frame.h"
 

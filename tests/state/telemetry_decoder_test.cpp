@@ -13,6 +13,7 @@
 #include "control/value_tables.h"
 #include "state/telemetry_decoder.h"
 #include "support/command_peers.h"
+#include "sim/report_encoder.h"
 
 namespace {
 

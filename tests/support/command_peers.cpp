@@ -12,6 +12,7 @@
 #include "camera/crc.h"
 #include "camera/frame.h"
 #include "camera/reassembly.h"
+#include "sim/report_encoder.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "state/report_layout.h"
+#include "sim/report_encoder.h"
 #include "support/child_process.h"
 #include "support/fake_camera.h"
 #include "support/udp_peer.h"

@@ -1,6 +1,6 @@
 #include "support/fake_camera.h"
 
-#include "camera/camera_side.h"
+#include "sim/camera_side.h"
 #include "camera/frame.h"
 
 std::vector<uint8_t> FakeCamera::Await(size_t length, int timeout_ms)

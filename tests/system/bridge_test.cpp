@@ -17,7 +17,7 @@
 
 #include "net/files.h"
 #include "bridge/mimo_bridge.h"
-#include "camera/camera_side.h"
+#include "sim/camera_side.h"
 #include "camera/frame.h"
 #include "support/child_process.h"
 #include "support/isolation.h"

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "support/command_peers.h"
+#include "sim/report_encoder.h"
 
 namespace {
 

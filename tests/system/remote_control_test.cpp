@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "state/report_layout.h"
+#include "sim/report_encoder.h"
 #include "support/child_process.h"
 #include "support/command_peers.h"
 #include "support/isolation.h"

@@ -14,6 +14,7 @@
 #include "camera/reassembly.h"
 #include "support/command_peers.h"
 #include "support/isolation.h"
+#include "sim/report_encoder.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "camera/camera_side.h"
+#include "sim/camera_side.h"
 #include "camera/frame.h"
 #include "camsim.h"
 #include "tool_options.h"

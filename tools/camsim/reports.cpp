@@ -15,7 +15,7 @@
 #include "camsim.h"
 #include "control/value_tables.h"
 #include "net/clock.h"
-#include "state/report_layout.h"
+#include "sim/report_encoder.h"
 #include "state/report_texts.h"
 
 namespace {

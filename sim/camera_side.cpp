@@ -1,4 +1,4 @@
-#include "camera/camera_side.h"
+#include "sim/camera_side.h"
 
 #include <cstring>
 

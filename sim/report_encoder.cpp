@@ -1,8 +1,8 @@
-#include "state/report_layout.h"
+#include "sim/report_encoder.h"
 
 #include <cstring>
 
-#include "camera/camera_side.h"
+#include "sim/camera_side.h"
 
 namespace {
 
