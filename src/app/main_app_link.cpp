@@ -27,6 +27,11 @@ int MainAppLinkInit(const char* destination_host, int32_t destination_port)
     link.command_endpoint.clear_before_receive = true;
     link.command_endpoint.on_receive = HandleAppDatagram;
     link.command_endpoint.AttachBuffer(link.command_buffer, sizeof link.command_buffer);
+    StatusReportOutputs outputs;
+    outputs.send_to_app = SendToMainApp;
+    outputs.send_notice = SendLocalNotice;
+    outputs.check_app_peer = [] { main_app_link.command_endpoint.CheckPeerTimeout(); };
+    AttachStatusReportOutputs(outputs);
     if (pthread_create(&link.status_thread, nullptr, StatusThreadMain, link.camera_state) != 0)
         return -1;
     return 0;

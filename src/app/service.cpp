@@ -10,10 +10,12 @@
 #include "app/main_app_link.h"
 #include "bridge/mimo_bridge.h"
 #include "camera/camera_link.h"
+#include "control/camera_commands.h"
 #include "net/clock.h"
 #include "net/shared_memory.h"
 #include "net/shutdown.h"
 #include "state/camera_state.h"
+#include "state/telemetry_decoder.h"
 #include "video/frame_buffer.h"
 
 namespace {
@@ -45,6 +47,11 @@ void ReadApIface(char* name, size_t capacity)
 
 }  // namespace
 
+void AttachLayers()
+{
+    AttachTrackingRestarter(TrackingStart);
+}
+
 void RunService(int argc, char** argv)
 {
     static char board_model[kBoardModelCapacity];
@@ -66,6 +73,7 @@ void RunService(int argc, char** argv)
     SleepMs(1000);
 
     memset(GetCameraState(), 0, sizeof(CameraState));
+    AttachLayers();
     fputs("Init telemetry buffer\n", stderr);
     if (InitFrameBuffers() != 0) {
         fputs("Failed to init telemetry buffer\n", stderr);

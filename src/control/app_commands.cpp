@@ -9,7 +9,7 @@
 #include "control/camera_commands.h"
 #include "control/command_templates.h"
 #include "control/setting_commands.h"
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 
 // Malformed input: see the header.
 

@@ -13,7 +13,7 @@
 #include "control/app_commands.h"
 #include "control/camera_commands.h"
 #include "control/setting_commands.h"
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 #include "net/clock.h"
 #include "net/shared_memory.h"
 #include "state/camera_state.h"

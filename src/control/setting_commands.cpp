@@ -6,7 +6,7 @@
 
 #include "control/camera_commands.h"
 #include "control/command_templates.h"
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 #include "state/camera_state.h"
 
 namespace {

@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/main_app_link.h"
 #include "camera/frame.h"
 #include "camera/reassembly.h"
 #include "net/clock.h"
 
 namespace {
+
+// Written once by the link before the thread starts, read by the thread only.
+StatusReportOutputs outputs;
 
 // Appends one formatted item; a full buffer keeps what fitted.
 class LineWriter {
@@ -45,14 +47,14 @@ void SendBinaryMessages(const CameraState& state)
 {
     uint8_t message[histogram_message::kSize];
     BuildStateMessage(state, message);
-    SendToMainApp(message, state_message::kSize);
+    outputs.send_to_app(message, state_message::kSize);
     if (state.tracking_time != 0) {
         BuildTrackingMessage(state, message);
-        SendToMainApp(message, tracking_message::kSize);
+        outputs.send_to_app(message, tracking_message::kSize);
     }
     if (state.histogram_time != 0) {
         BuildHistogramMessage(state, message);
-        SendToMainApp(message, histogram_message::kSize);
+        outputs.send_to_app(message, histogram_message::kSize);
     }
 }
 
@@ -66,6 +68,11 @@ void AgeAndCopy(CameraState* state, CameraState* copy)
 }
 
 }  // namespace
+
+void AttachStatusReportOutputs(const StatusReportOutputs& attached)
+{
+    outputs = attached;
+}
 
 uint16_t ScaledField(float value, float scale)
 {
@@ -185,7 +192,7 @@ void FormatStatusLine(const CameraState* state)
 {
     uint8_t line[kStatusLineMaximumSize + 1];
     size_t length = BuildStatusLine(*state, line, sizeof line);
-    SendToMainApp(line, length);
+    outputs.send_to_app(line, length);
 }
 
 void* StatusThreadMain(void* camera_state)
@@ -196,7 +203,7 @@ void* StatusThreadMain(void* camera_state)
         AgeAndCopy(state, &copy);
         bool stream_live = IsCameraStreamSeen();
         if (tick % kStatusLineTicks == 0) {
-            main_app_link.command_endpoint.CheckPeerTimeout();
+            outputs.check_app_peer();
             if (stream_live)
                 FormatStatusLine(&copy);
         }
@@ -204,7 +211,7 @@ void* StatusThreadMain(void* camera_state)
             if (tick % kBinaryMessageTicks == 0)
                 SendBinaryMessages(copy);
             if (tick % kRecordingNoticeTicks == 0)
-                SendLocalNotice(RecordingNotice(copy.camera_flags));
+                outputs.send_notice(RecordingNotice(copy.camera_flags));
         }
         SleepMs(kStatusTickMs);
     }

@@ -37,10 +37,19 @@ void BuildHistogramMessage(const CameraState& state, uint8_t* out);
 // "rec_active" when bits 7..6 of the camera flags are 2, else "rec_inactive".
 const char* RecordingNotice(uint8_t camera_flags);
 
+// Where the report goes. The main-application link sits above this layer:
+// it attaches its send operations here before it starts the thread.
+struct StatusReportOutputs {
+    int (*send_to_app)(const void* data, size_t length) = nullptr;   // SendToMainApp
+    int (*send_notice)(const char* text) = nullptr;                  // SendLocalNotice
+    void (*check_app_peer)() = nullptr;                              // the command endpoint's peer check
+};
+void AttachStatusReportOutputs(const StatusReportOutputs& outputs);
+
 // Builds the status line of `state` and sends it with SendToMainApp. The
 // record must not change meanwhile: the status thread passes its copy.
 void FormatStatusLine(const CameraState* state);
 
 // The status thread (argument: the CameraState record; null for the
-// process-wide one). Never returns.
+// process-wide one), started after the outputs are attached. Never returns.
 void* StatusThreadMain(void* camera_state);

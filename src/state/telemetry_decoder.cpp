@@ -5,8 +5,7 @@
 #include <cstring>
 
 #include "camera/frame.h"
-#include "control/camera_commands.h"
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 #include "net/clock.h"
 #include "net/shared_memory.h"
 #include "state/report_texts.h"
@@ -266,10 +265,14 @@ void DecodeSettings(CameraState* state, const Payload& p)
 // Only the camera endpoint's receive thread runs the decoder.
 TrackingRestoreState tracking_restore;
 
+// Starts tracking; attached at start-up (the commands sit a layer above).
+TrackingRestarter restart_tracking = nullptr;
+
 // Tracks the box of the last tracked subject again.
 void RestartTracking(const TrackingRestoreState& restore)
 {
-    TrackingStart(static_cast<float>(restore.x), static_cast<float>(restore.y), kTrackingRestoreWidth,
+    if (restart_tracking != nullptr)
+        restart_tracking(static_cast<float>(restore.x), static_cast<float>(restore.y), kTrackingRestoreWidth,
                   kTrackingRestoreHeight);
 }
 
@@ -279,6 +282,11 @@ void ScanVisitor(const uint8_t* frame, size_t length, void* state)
 }
 
 }  // namespace
+
+void AttachTrackingRestarter(TrackingRestarter restart)
+{
+    restart_tracking = restart;
+}
 
 void ScanTelemetryBuffer(CameraState* state, const uint8_t* block, uint32_t length)
 {

@@ -58,6 +58,13 @@ struct TrackingRestoreState {
 bool TrackingRestoreStep(TrackingRestoreState* restore, uint8_t tracking_active, float x, float y,
                          uint32_t now_ms);
 
+// How the restore starts tracking again (TrackingStart of the camera
+// commands, which sit a layer above the decoder): attached once at start-up,
+// before the camera link opens. Without one the restore is decided and said
+// but nothing is sent.
+using TrackingRestarter = void (*)(float x, float y, float w, float h);
+void AttachTrackingRestarter(TrackingRestarter restart);
+
 // The name of the shared attitude region, "/shared_camstate" unless changed
 // before the first frame is decoded (unit tests use a private name).
 void SetSharedAttitudeName(const char* name);

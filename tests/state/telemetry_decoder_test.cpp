@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "camera/crc.h"
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 #include "state/telemetry_decoder.h"
 #include "support/command_peers.h"
 #include "sim/report_encoder.h"

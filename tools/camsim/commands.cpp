@@ -10,7 +10,7 @@
 
 #include "camera/frame.h"
 #include "camsim.h"
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 #include "state/telemetry_decoder.h"
 
 namespace {

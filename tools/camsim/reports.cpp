@@ -13,7 +13,7 @@
 #include <mutex>
 
 #include "camsim.h"
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 #include "net/clock.h"
 #include "sim/report_encoder.h"
 #include "state/report_texts.h"

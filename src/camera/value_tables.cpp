@@ -1,4 +1,4 @@
-#include "control/value_tables.h"
+#include "camera/value_tables.h"
 
 #include <cstdio>
 #include <cstring>
