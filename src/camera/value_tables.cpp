@@ -17,77 +17,65 @@ static_assert(ShutterRow("1/8000").value == 0x9F40, "1/8000");
 static_assert(ShutterNames.size() == 51, "51 stepped shutter texts");
 static_assert(EvCodes[9].code == 0x10 && EvCodes[9].value == 0.0, "EV 0 is code 16");
 
-namespace {
+// Every look-up below is one walk over one table: FindRow (value_tables.h)
+// with the column to match.
 
 bool SameText(const char* a, const char* b)
 {
     return a != nullptr && b != nullptr && strcmp(a, b) == 0;
 }
 
-}  // namespace
+const char* TextOrEmpty(const char* text)
+{
+    return text != nullptr ? text : "";
+}
 
 int16_t SettingCodeOf(const SettingTable& table, const char* text)
 {
-    for (size_t i = 0; i < table.count; ++i)
-        if (SameText(table.rows[i].text, text))
-            return table.rows[i].code;
-    return table.code_other;
+    const SettingCode* row = FindRow(table.rows, table.rows + table.count,
+                                     [&](const SettingCode& r) { return SameText(r.text, text); });
+    return row != nullptr ? row->code : table.code_other;
 }
 
 const char* SettingReadBack(const SettingTable& table, unsigned code)
 {
-    for (size_t i = 0; i < table.count; ++i)
-        if (table.rows[i].read_back != nullptr && table.rows[i].code == code)
-            return table.rows[i].read_back;
-    return table.read_back_other;
+    const SettingCode* row = FindRow(table.rows, table.rows + table.count,
+                                     [&](const SettingCode& r) { return r.read_back != nullptr && r.code == code; });
+    return row != nullptr ? row->read_back : table.read_back_other;
 }
 
 int NameIndex(const char* const* names, size_t count, const char* text)
 {
-    for (size_t i = 0; i < count; ++i)
-        if (SameText(names[i], text))
-            return static_cast<int>(i);
-    return -1;
+    const char* const* found = FindRow(names, names + count, [&](const char* name) { return SameText(name, text); });
+    return found != nullptr ? static_cast<int>(found - names) : -1;
 }
 
 const ShutterCode* FindShutterCode(const char* text)
 {
-    for (const ShutterCode& row : ShutterValueTable)
-        if (SameText(row.text, text))
-            return &row;
-    return nullptr;
+    return FindRow(ShutterValueTable, [&](const ShutterCode& r) { return SameText(r.text, text); });
 }
 
 uint8_t IsoCodeOf(long iso)
 {
-    for (const IsoCode& row : IsoCodes)
-        if (row.iso == iso)
-            return row.code;
-    return kIsoCodeOther;
+    const IsoCode* row = FindRow(IsoCodes, [&](const IsoCode& r) { return r.iso == iso; });
+    return row != nullptr ? row->code : kIsoCodeOther;
 }
 
 const char* IsoReadBack(unsigned code)
 {
-    for (const IsoCode& row : IsoCodes)
-        if (row.code == code)
-            return row.text;
-    return kIsoReadBackOther;
+    const IsoCode* row = FindRow(IsoCodes, [&](const IsoCode& r) { return r.code == code; });
+    return row != nullptr ? row->text : kIsoReadBackOther;
 }
 
 const EvCode* FindEvCode(double value)
 {
-    for (const EvCode& row : EvCodes)
-        if (row.value == value)
-            return &row;
-    return nullptr;
+    return FindRow(EvCodes, [&](const EvCode& r) { return r.value == value; });
 }
 
 const char* EvReadBack(unsigned code)
 {
-    for (const EvCode& row : EvCodes)
-        if (row.code == code)
-            return row.text;
-    return kEvReadBackOther;
+    const EvCode* row = FindRow(EvCodes, [&](const EvCode& r) { return r.code == code; });
+    return row != nullptr ? row->text : kEvReadBackOther;
 }
 
 int WhiteBalanceTemperatureByte(long kelvin)
@@ -99,86 +87,66 @@ int WhiteBalanceTemperatureByte(long kelvin)
 
 const WhiteBalanceCode* FindWhiteBalanceCode(const char* text)
 {
-    for (const WhiteBalanceCode& row : WhiteBalanceCodes)
-        if (SameText(row.text, text))
-            return &row;
-    return nullptr;
+    return FindRow(WhiteBalanceCodes, [&](const WhiteBalanceCode& r) { return SameText(r.text, text); });
 }
 
 const char* WhiteBalanceReadBack(unsigned code)
 {
-    for (const WhiteBalanceCode& row : WhiteBalanceCodes)
-        if (row.read_back_code == code)
-            return row.text;
-    return kWhiteBalanceReadBackOther;
+    const WhiteBalanceCode* row =
+        FindRow(WhiteBalanceCodes, [&](const WhiteBalanceCode& r) { return r.read_back_code == code; });
+    return row != nullptr ? row->text : kWhiteBalanceReadBackOther;
 }
 
 uint8_t VideoResolutionCodeOf(long width, long height)
 {
-    for (const VideoResolutionCode& row : VideoResolutionCodes)
-        if (row.width == width && row.height == height)
-            return row.code;
-    return kVideoCodeOther;
+    const VideoResolutionCode* row = FindRow(
+        VideoResolutionCodes, [&](const VideoResolutionCode& r) { return r.width == width && r.height == height; });
+    return row != nullptr ? row->code : kVideoCodeOther;
 }
 
 uint8_t FrameRateCodeOf(long fps)
 {
-    for (const FrameRateCode& row : FrameRateCodes)
-        if (row.fps == fps)
-            return row.code;
-    return kVideoCodeOther;
+    const FrameRateCode* row = FindRow(FrameRateCodes, [&](const FrameRateCode& r) { return r.fps == fps; });
+    return row != nullptr ? row->code : kVideoCodeOther;
 }
 
 const char* VideoResolutionReadBack(unsigned code)
 {
-    for (const VideoResolutionCode& row : VideoResolutionCodes)
-        if (row.code == code)
-            return row.text;
-    return kVideoReadBackOther;
+    const VideoResolutionCode* row =
+        FindRow(VideoResolutionCodes, [&](const VideoResolutionCode& r) { return r.code == code; });
+    return row != nullptr ? row->text : kVideoReadBackOther;
 }
 
 const char* FrameRateReadBack(unsigned code)
 {
-    for (const FrameRateCode& row : FrameRateCodes)
-        if (row.code == code && row.text != nullptr)
-            return row.text;
-    return kVideoReadBackOther;
+    const FrameRateCode* row =
+        FindRow(FrameRateCodes, [&](const FrameRateCode& r) { return r.code == code && r.text != nullptr; });
+    return row != nullptr ? row->text : kVideoReadBackOther;
 }
 
 const VideoResolutionWord* FindVideoResolutionWord(const char* word)
 {
-    if (word == nullptr)
-        return nullptr;
-    for (const VideoResolutionWord& row : VideoResolutionWords) {
+    return FindRow(VideoResolutionWords, [&](const VideoResolutionWord& r) {
         // Longest word: "3840x2160@240" and a terminator.
         char text[24];
-        snprintf(text, sizeof text, "%ux%u@%u", row.width, row.height, row.fps);
-        if (strcmp(text, word) == 0)
-            return &row;
-    }
-    return nullptr;
+        snprintf(text, sizeof text, "%ux%u@%u", r.width, r.height, r.fps);
+        return SameText(text, word);
+    });
 }
 
 const SensorResolutionCode* FindSensorResolutionCode(const char* text)
 {
-    for (const SensorResolutionCode& row : SensorResolutionCodes)
-        if (SameText(row.text, text))
-            return &row;
-    return nullptr;
+    return FindRow(SensorResolutionCodes, [&](const SensorResolutionCode& r) { return SameText(r.text, text); });
 }
 
 uint8_t SensorResolutionReadBack(unsigned size_code)
 {
-    for (const SensorResolutionCode& row : SensorResolutionCodes)
-        if (row.size_code == size_code)
-            return row.megapixels;
-    return 0;
+    const SensorResolutionCode* row =
+        FindRow(SensorResolutionCodes, [&](const SensorResolutionCode& r) { return r.size_code == size_code; });
+    return row != nullptr ? row->megapixels : 0;
 }
 
 const GimbalModeCode* FindGimbalModeCode(const char* text)
 {
-    for (const GimbalModeCode& row : GimbalModeCodes)
-        if (SameText(row.text, text))
-            return &row;
-    return nullptr;
+    return FindRow(GimbalModeCodes, [&](const GimbalModeCode& r) { return SameText(r.text, text); });
 }

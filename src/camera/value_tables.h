@@ -21,6 +21,30 @@
 #include <cstdint>
 
 // ---------------------------------------------------------------------------
+// Texts and look-ups shared by every table.
+
+// Exact, case-sensitive equality of two texts; a null text equals nothing.
+bool SameText(const char* a, const char* b);
+// The text, or "" for null (for log lines).
+const char* TextOrEmpty(const char* text);
+
+// The first row from `begin` to `end` that `matches`, or null: the one walk
+// every look-up of these tables goes through.
+template <typename Row, typename Match>
+constexpr const Row* FindRow(const Row* begin, const Row* end, Match matches)
+{
+    for (const Row* row = begin; row != end; ++row)
+        if (matches(*row))
+            return row;
+    return nullptr;
+}
+template <typename Row, size_t N, typename Match>
+constexpr const Row* FindRow(const Row (&rows)[N], Match matches)
+{
+    return FindRow(rows, rows + N, matches);
+}
+
+// ---------------------------------------------------------------------------
 // Generic rows: one payload byte per value.
 
 // Code for "a text in no row sends nothing".

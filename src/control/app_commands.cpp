@@ -140,11 +140,6 @@ const CommandRow kCommandRows[] = {
      [](const AppCommand&) { SendPlaybackFrame(kPlaybackResumeFrame, sizeof kPlaybackResumeFrame); }},
 };
 
-bool IsWord(const char* text, const char* word)
-{
-    return text != nullptr && strcmp(text, word) == 0;
-}
-
 bool HasRequired(const AppCommand& command, uint8_t required)
 {
     return !(((required & kNeedsParam) && command.param == nullptr) ||
@@ -168,11 +163,11 @@ const char* MemberText(const cJSON* tree, const char* key)
 
 void SetMovementMode(const AppCommand& command)
 {
-    if (!IsWord(command.name, "movement"))
+    if (!SameText(command.name, "movement"))
         return;
-    if (IsWord(command.value, "abs"))
+    if (SameText(command.value, "abs"))
         MovementMode.store(kMovementAbsolute);
-    else if (IsWord(command.value, "rel"))
+    else if (SameText(command.value, "rel"))
         MovementMode.store(kMovementRelative);
 }
 
@@ -188,14 +183,14 @@ void HandleJsonCommand(const char* text)
         MemberText(tree, "value"),  MemberText(tree, "value2"), MemberText(tree, "value3"),
         MemberText(tree, "value4"),
     };
-    if (IsWord(command.cmd, "set")) {
+    if (SameText(command.cmd, "set")) {
         SetMovementMode(command);
     } else {
         fprintf(stderr, "JSON commands from app: %s\n", text);
         for (const CommandRow& row : kCommandRows) {
-            if (!IsWord(command.cmd, row.cmd))
+            if (!SameText(command.cmd, row.cmd))
                 continue;
-            if (row.param != nullptr && !IsWord(command.param, row.param))
+            if (row.param != nullptr && !SameText(command.param, row.param))
                 continue;
             if (HasRequired(command, row.required))
                 row.action(command);

@@ -11,16 +11,6 @@
 
 namespace {
 
-const char* TextOrEmpty(const char* text)
-{
-    return text != nullptr ? text : "";
-}
-
-bool IsText(const char* text, const char* literal)
-{
-    return text != nullptr && strcmp(text, literal) == 0;
-}
-
 constexpr int kDigitalZoomNone = 100;
 
 // Gimbal angle factors: tenths of a degree per unit, chosen by the argument's sign.
@@ -90,7 +80,7 @@ void CameraSetMode(const char* mode)
     int16_t code = SettingCodeOf(CameraModeCodes, mode);
     if (code == kSendNothing)
         return;
-    if (IsText(mode, "playback")) {
+    if (SameText(mode, "playback")) {
         fputs("Camera set playback mode\n", stderr);
         SendTemplate(kSetPlaybackModeTemplate);
         SendTemplate(kPlaybackStartTemplate);
@@ -102,10 +92,7 @@ void CameraSetMode(const char* mode)
 
 void CameraSetFocusType(const char* type)
 {
-    fprintf(stderr, "Camera set focus type %s\n", TextOrEmpty(type));
-    int16_t code = SettingCodeOf(FocusTypeCodes, type);
-    if (code != kSendNothing)
-        SendTemplateWithByte(kFocusTypeTemplate, static_cast<uint8_t>(code));
+    SendByteSetting(kFocusTypeSetting, type);
 }
 
 void CameraSetFocusPoint(float x, float y)
@@ -119,9 +106,9 @@ void CameraSetFocusPoint(float x, float y)
 
 void CameraSetExposureLock(const char* lock)
 {
-    if (IsText(lock, "lock"))
+    if (SameText(lock, "lock"))
         fputs("Set auto exposure locked\n", stderr);
-    else if (IsText(lock, "unlock"))
+    else if (SameText(lock, "unlock"))
         fputs("Set auto exposure unlocked\n", stderr);
     SendTemplateWithByte(kExposureLockTemplate, static_cast<uint8_t>(SettingCodeOf(ExposureLockCodes, lock)));
 }
@@ -166,8 +153,8 @@ void GimbalSetAngleRaw(int a, int b, int c)
 // current one, and "centre" when it is the same.
 void GimbalSetPosition(const char* position)
 {
-    bool normal = IsText(position, "normal");
-    if (!normal && !IsText(position, "selfie"))
+    bool normal = SameText(position, "normal");
+    if (!normal && !SameText(position, "selfie"))
         return;
     fputs(normal ? "Gimbal set center position\n" : "Gimbal set selfie position\n", stderr);
     bool flipped = IsGimbalFlipped();
@@ -189,10 +176,10 @@ void GimbalNextPosition()
 void GimbalSetOrientationLock(const char* lock)
 {
     uint8_t requested;
-    if (IsText(lock, "lock")) {
+    if (SameText(lock, "lock")) {
         fputs("Gimbal orientation lock\n", stderr);
         requested = 1;
-    } else if (IsText(lock, "unlock")) {
+    } else if (SameText(lock, "unlock")) {
         fputs("Gimbal orientation unlock\n", stderr);
         requested = 0;
     } else {
@@ -224,7 +211,7 @@ void GimbalSetFollowSpeed(const char* speed)
 
 void GimbalCalibrate(const char* action)
 {
-    if (!IsText(action, "calibrate"))
+    if (!SameText(action, "calibrate"))
         return;
     fputs("Gimbal full calibrate\n", stderr);
     SendTemplate(kGimbalCalibrateFirstTemplate);
@@ -272,7 +259,7 @@ void CameraSetDigitalZoom(int zoom)
 
 void CameraFormatSd(const char* medium)
 {
-    if (!IsText(medium, "sd"))
+    if (!SameText(medium, "sd"))
         return;
     fputs("Format microSD card\n", stderr);
     SendTemplate(kFormatSdTemplate);
@@ -285,9 +272,7 @@ void CameraReset()
 
 void CameraSetHistogram(const char* on)
 {
-    int16_t code = SettingCodeOf(HistogramCodes, on);
-    if (code != kSendNothing)
-        SendTemplateWithByte(kHistogramTemplate, static_cast<uint8_t>(code));
+    SendByteSetting(kHistogramSetting, on);
 }
 
 void SendRawCameraPacket(uint8_t* frame, uint16_t length)

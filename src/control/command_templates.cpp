@@ -1,5 +1,6 @@
 #include "control/command_templates.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "camera/camera_link.h"
@@ -63,4 +64,13 @@ void SendTemplateWithByte(const CommandTemplate& image, uint8_t payload_byte_0)
     CommandFrame frame = FrameFrom(image);
     SetPayloadByte(&frame, 0, payload_byte_0);
     SendCommandFrame(&frame);
+}
+
+void SendByteSetting(const ByteSetting& setting, const char* text)
+{
+    if (setting.log_format != nullptr)
+        fprintf(stderr, setting.log_format, TextOrEmpty(text));
+    int16_t code = SettingCodeOf(setting.codes, text);
+    if (code != kSendNothing)
+        SendTemplateWithByte(setting.image, static_cast<uint8_t>(code));
 }

@@ -14,6 +14,7 @@
 #include <initializer_list>
 
 #include "camera/frame.h"
+#include "camera/value_tables.h"
 #include "state/report_layout.h"  // kGimbalCommandSet: the gimbal's command set, both ways
 
 constexpr size_t kCommandTemplateCapacity = 40;  // the longest command frame
@@ -174,6 +175,27 @@ void SendCommandFrame(CommandFrame* frame);
 // A template sent with its payload as it stands, or with byte 0 replaced.
 void SendTemplate(const CommandTemplate& image);
 void SendTemplateWithByte(const CommandTemplate& image, uint8_t payload_byte_0);
+
+// Setting commands whose payload is one byte from a value table, one row
+// each: the log line (with the text, "" for null; null: no line), the frame
+// template, the table. A text in no row sends the table's code_other, or
+// nothing.
+struct ByteSetting {
+    const char* log_format;
+    const CommandTemplate& image;
+    const SettingTable& codes;
+};
+inline constexpr ByteSetting kExposureModeSetting = {"Camera set image mode %s\n", kExposureModeTemplate,
+                                                     ExposureModeCodes};
+inline constexpr ByteSetting kColorSetting = {"Set color %s\n", kColorTemplate, ColorModeCodes};
+inline constexpr ByteSetting kShotModeSetting = {"Camera set shot mode %s\n", kShotModeTemplate, ShotModeCodes};
+inline constexpr ByteSetting kAntiFlickerSetting = {"Camera set anti-flicker %s\n", kAntiFlickerTemplate,
+                                                    AntiFlickerCodes};
+inline constexpr ByteSetting kVideoStandardSetting = {"Camera set video standard %s\n", kVideoStandardTemplate,
+                                                      VideoStandardCodes};
+inline constexpr ByteSetting kFocusTypeSetting = {"Camera set focus type %s\n", kFocusTypeTemplate, FocusTypeCodes};
+inline constexpr ByteSetting kHistogramSetting = {nullptr, kHistogramTemplate, HistogramCodes};
+void SendByteSetting(const ByteSetting& setting, const char* text);
 
 // The playback frames, complete as stored (header check byte included); only
 // the sequence number and CRC16 are written on the way out.

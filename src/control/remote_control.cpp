@@ -80,9 +80,9 @@ void ToggleFocusType()
     const char* type = nullptr;
     {
         CameraStateGuard guard(camera_state_lock);
-        if (strcmp(rc.camera->focus_mode, "AFS") == 0)
+        if (SameText(rc.camera->focus_mode, "AFS"))
             type = "afc";
-        else if (strcmp(rc.camera->focus_mode, "AFC") == 0)
+        else if (SameText(rc.camera->focus_mode, "AFC"))
             type = "afs";
     }
     if (type != nullptr)

@@ -11,11 +11,6 @@
 
 namespace {
 
-const char* TextOrEmpty(const char* text)
-{
-    return text != nullptr ? text : "";
-}
-
 // Decimal conversions as the main application's texts are read: leading
 // white space skipped, stop at the first character that does not fit, 0 for
 // a text without a number.
@@ -35,10 +30,7 @@ constexpr float kApertureScale = 100.0f;
 
 void CameraSetExposureMode(const char* mode)
 {
-    fprintf(stderr, "Camera set image mode %s\n", TextOrEmpty(mode));
-    int16_t code = SettingCodeOf(ExposureModeCodes, mode);
-    if (code != kSendNothing)
-        SendTemplateWithByte(kExposureModeTemplate, static_cast<uint8_t>(code));
+    SendByteSetting(kExposureModeSetting, mode);
 }
 
 void CameraSetShutter(const char* speed)
@@ -108,8 +100,7 @@ void CameraSetWhiteBalance(const char* mode, const char* temperature)
 
 void CameraSetColor(const char* color)
 {
-    fprintf(stderr, "Set color %s\n", TextOrEmpty(color));
-    SendTemplateWithByte(kColorTemplate, static_cast<uint8_t>(SettingCodeOf(ColorModeCodes, color)));
+    SendByteSetting(kColorSetting, color);
 }
 
 void CameraSetVideoResolution(int width, int height, int fps)
@@ -153,24 +144,17 @@ void CameraSetSensorResolution(const char* megapixels)
 
 void CameraSetShotMode(const char* format)
 {
-    fprintf(stderr, "Camera set shot mode %s\n", TextOrEmpty(format));
-    int16_t code = SettingCodeOf(ShotModeCodes, format);
-    if (code != kSendNothing)
-        SendTemplateWithByte(kShotModeTemplate, static_cast<uint8_t>(code));
+    SendByteSetting(kShotModeSetting, format);
 }
 
 void CameraSetAntiFlicker(const char* hertz)
 {
-    fprintf(stderr, "Camera set anti-flicker %s\n", TextOrEmpty(hertz));
-    SendTemplateWithByte(kAntiFlickerTemplate, static_cast<uint8_t>(SettingCodeOf(AntiFlickerCodes, hertz)));
+    SendByteSetting(kAntiFlickerSetting, hertz);
 }
 
 void CameraSetVideoStandard(const char* standard)
 {
-    fprintf(stderr, "Camera set video standard %s\n", TextOrEmpty(standard));
-    int16_t code = SettingCodeOf(VideoStandardCodes, standard);
-    if (code != kSendNothing)
-        SendTemplateWithByte(kVideoStandardTemplate, static_cast<uint8_t>(code));
+    SendByteSetting(kVideoStandardSetting, standard);
 }
 
 // ---------------------------------------------------------------------------
