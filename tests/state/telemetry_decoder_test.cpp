@@ -250,6 +250,118 @@ TEST_F(Decoder, ScannerFindsFramesAmongJunkAndDropsCutOnes)
     EXPECT_EQ(state.camera_detected, 0);
 }
 
+// Each report kind written here byte by byte from the documented layout (payload byte N at frame byte 11 + N,
+// little-endian), not through the simulator's encoder: a wrong offset in the layout shows here even when the encoder
+// shares it. Unset bytes are 0xee, so a field read from a wrong place reads junk.
+Bytes HandReport(size_t length, uint8_t set, uint8_t id, const std::vector<std::pair<size_t, std::string>>& fields)
+{
+    Bytes frame(length, 0xee);
+    frame[0] = 0x55, frame[1] = static_cast<uint8_t>(length), frame[2] = 0x04;
+    frame[8] = 0, frame[9] = set, frame[10] = id;
+    for (const auto& field : fields)
+        for (size_t i = 0; i < field.second.size() / 2; ++i)
+            frame[11 + field.first + i] = static_cast<uint8_t>(std::stoi(field.second.substr(2 * i, 2), nullptr, 16));
+    frame[3] = Crc8(frame.data(), 3);
+    SealCameraPacket(frame.data(), length, 7);
+    return frame;
+}
+
+TEST_F(Decoder, ReportsWrittenByHandFromTheLayout)
+{
+    auto decode = [&](const Bytes& frame) { DecodeTelemetryFrame(&state, frame.data(), frame.size()); };
+    // Camera information (81): flags p0, aux2 p2, mode p4, sd MB p9-12, shots p13-16, rec left p17-20,
+    // rec time p29-30, aux1 p31, model p33.
+    decode(HandReport(81, 2, 0x80, {{0, "80"}, {2, "22"}, {4, "01"}, {9, "04740000"}, {13, "39300000"},
+                                    {17, "100e0000"}, {29, "0700"}, {31, "11"}, {33, "2f"}}));
+    EXPECT_EQ(state.camera_flags, 0x80);
+    EXPECT_EQ(state.camera_aux_2, 0x22);
+    EXPECT_STREQ(state.camera_mode, "video");
+    EXPECT_STREQ(state.sd, "29.7G");
+    EXPECT_EQ(state.shots_left, 12345u);
+    EXPECT_STREQ(state.rec_time_left, "01:00:00");
+    EXPECT_STREQ(state.rec_time, "00:00:07");
+    EXPECT_EQ(state.camera_aux_1, 0x11);
+    EXPECT_STREQ(state.camera_model, "DJI Pocket 2");
+    // Settings (107): shutter set p2-4, ISO set p5, EV p6, sensor p9, ratio p10, shot mode p12, resolution p13,
+    // frame rate p14, program p20, WB p23, WB temperature p24, colour p31, flicker p32, aperture p38-39,
+    // shutter p40-42, ISO p43-44, standard p55, AE lock p56, AE aux p58, zoom p89-90.
+    decode(HandReport(107, 2, 0x81, {{2, "f08000"}, {5, "05"}, {6, "11"}, {9, "04"}, {10, "01"}, {12, "02"},
+                                     {13, "0a"}, {14, "03"}, {20, "04"}, {23, "03"}, {24, "38"}, {31, "17"},
+                                     {32, "01"}, {38, "1801"}, {40, "408101"}, {43, "9001"}, {55, "01"},
+                                     {56, "01"}, {58, "05"}, {89, "9600"}}));
+    EXPECT_STREQ(state.shutter_set, "1/240");
+    EXPECT_STREQ(state.iso_set, "400");
+    EXPECT_STREQ(state.ev, "+0.3");
+    EXPECT_EQ(state.sensor, 16);
+    EXPECT_STREQ(state.ratio, "16:9");
+    EXPECT_STREQ(state.shot_mode, "JPG+RAW");
+    EXPECT_STREQ(state.resolution, "1920x1080");
+    EXPECT_STREQ(state.framerate, "30");
+    EXPECT_STREQ(state.image_mode, "manual");
+    EXPECT_STREQ(state.wb, "custom");
+    EXPECT_EQ(state.wb_temp, 5600.0f);
+    EXPECT_STREQ(state.color_mode, "d-log");
+    EXPECT_STREQ(state.antiflicker, "50 Hz");
+    EXPECT_STREQ(state.aperture, "2.8");
+    EXPECT_STREQ(state.shutter, "1/320.1");
+    EXPECT_EQ(state.iso, 400);
+    EXPECT_STREQ(state.video_std, "NTSC");
+    EXPECT_EQ(state.ae, 1);
+    EXPECT_EQ(state.ae_aux, 5);
+    EXPECT_EQ(state.zoom, 150);
+    EXPECT_EQ(state.zoom_max, 400) << "video at 1920x1080";
+    // Battery (53, set 5): level p0, charging p39.
+    decode(HandReport(53, 5, 0x02, {{0, "57"}, {39, "01"}}));
+    EXPECT_EQ(state.battery_level, 0x57);
+    EXPECT_EQ(state.battery_charging, 1);
+    // Gimbal attitude (58, set 4): p0-1 folded, p2-3 negated, mode bit 7 of p6, p8-9 element 0.
+    decode(HandReport(58, 4, 0x05, {{0, "2c01"}, {2, "0a00"}, {6, "00"}, {8, "9cff"}}));
+    EXPECT_EQ(state.gimbal_attitude[0], -100);
+    EXPECT_EQ(state.gimbal_attitude[1], 1500);
+    EXPECT_EQ(state.gimbal_attitude[2], -10);
+    EXPECT_EQ(state.gimbal_mode_flag, 1);
+    // Focus (58, set 2, type 0): mode p0, param1 p1, param3 p3, point f32 p13 and p17, param21 p21, param31 p31.
+    decode(HandReport(58, 2, 0x05, {{0, "86"}, {1, "07"}, {3, "09"}, {13, "0000003f"}, {17, "0000803e"},
+                                    {21, "15"}, {31, "1f"}}));
+    EXPECT_STREQ(state.focus_mode, "AFC");
+    EXPECT_EQ(state.focus_param_1, 7);
+    EXPECT_EQ(state.focus_param_3, 9);
+    EXPECT_EQ(state.focus_point_x, 0.5f);
+    EXPECT_EQ(state.focus_point_y, 0.25f);
+    EXPECT_EQ(state.focus_param_21, 0x15);
+    EXPECT_EQ(state.focus_param_31, 0x1f);
+    // Gimbal state (17, set 4, id 0x19): bits 1, 5, 4 of p0.
+    decode(HandReport(17, 4, 0x19, {{0, "32"}}));
+    EXPECT_EQ(state.gimbal_bit1 * 4 + state.gimbal_bit5 * 2 + state.gimbal_bit4, 7);
+    // Tracking (36): subject p5 and p6, box f32 p7, p11, p15, p19.
+    decode(HandReport(36, 2, 0x7c, {{5, "01"}, {6, "01"}, {7, "0000803e"}, {11, "0000003f"}, {15, "cdcccc3d"},
+                                    {19, "cdcc4c3e"}}));
+    EXPECT_EQ(state.tracking_active, 1);
+    EXPECT_EQ(state.tracking_x, 0.25f);
+    EXPECT_EQ(state.tracking_y, 0.5f);
+    EXPECT_EQ(state.tracking_w, 0.1f);
+    EXPECT_EQ(state.tracking_h, 0.2f);
+    // Playback (54): state p0, clip p4-5, duration ms p9-12, position ms p13-16 (the frame is logged).
+    testing::internal::CaptureStderr();
+    decode(HandReport(54, 2, 0x7b, {{0, "03"}, {4, "2a00"}, {9, "e8fd0000"}, {13, "d0070000"}}));
+    testing::internal::GetCapturedStderr();
+    EXPECT_STREQ(state.pl_state, "paused");
+    EXPECT_EQ(state.pl_id, 42);
+    EXPECT_STREQ(state.pl_dur, "00:01:05");
+    EXPECT_STREQ(state.pl_time, "00:00:02");
+    // Histogram (77): 64 bins from p0.
+    std::string bins;
+    for (int i = 0; i < 64; ++i) {
+        char hex[3];
+        snprintf(hex, sizeof hex, "%02x", i * 4);
+        bins += hex;
+    }
+    decode(HandReport(77, 2, 0x7d, {{0, bins}}));
+    EXPECT_EQ(state.histogram_bins[0], 0);
+    EXPECT_EQ(state.histogram_bins[63], 252);
+    EXPECT_NE(state.histogram_time, 0u);
+}
+
 // Restarts when more than 2000 ms have passed without a subject, from the last position; the clock may wrap.
 TEST(TrackingRestore, RestartsAfterMoreThanTwoSecondsWithoutASubject)
 {

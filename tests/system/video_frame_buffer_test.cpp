@@ -193,11 +193,18 @@ TEST_F(FrameBufferTest, ParameterSetsAtThePayloadStartWriteTheResolutionFiles)
     uhd[4] = 0x27;   // a NAL header whose low four bits are 7 counts
     EXPECT_EQ(Queue(uhd), "Live stream video resolution changed to 3840x2160\n");
     EXPECT_EQ(ReadText(kVideoWidthPath) + "x" + ReadText(kVideoHeightPath), "3840x2160");
+    // One side changing is a change: the height alone, then the width alone.
+    EXPECT_EQ(Queue(Fixture("main_1920x1080.sps")), "Live stream video resolution changed to 1920x1080\n");
+    EXPECT_EQ(Queue(Fixture("main_1920x1440.sps")), "Live stream video resolution changed to 1920x1440\n");
+    EXPECT_EQ(ReadText(kVideoWidthPath) + "x" + ReadText(kVideoHeightPath), "1920x1440");
+    EXPECT_EQ(Queue(Fixture("avcintra50_1440x1080.sps")), "Live stream video resolution changed to 1440x1080\n");
+    EXPECT_EQ(Queue(Fixture("main_1920x1080.sps")), "Live stream video resolution changed to 1920x1080\n");
+    EXPECT_EQ(ReadText(kVideoWidthPath) + "x" + ReadText(kVideoHeightPath), "1920x1080");
     // Not seen, but queued: behind a three-byte start code, or later in a payload.
     Bytes later = Payload(20, 9);
     later.insert(later.end(), sps320.begin(), sps320.end());
     EXPECT_EQ(Queue(Bytes(sps320.begin() + 1, sps320.end())) + Queue(later), "");
-    EXPECT_EQ(ring.head()[1], 17);
+    EXPECT_EQ(ring.head()[1], 21);
     // Without the directory the files are skipped, silently; the size is kept.
     unlink(kVideoWidthPath);
     unlink(kVideoHeightPath);

@@ -158,7 +158,7 @@ TEST(H264ParameterSetTest, RealEncoderParameterSets)
 {
     const struct { const char* name; uint32_t width, height; } cases[] = {
         {"baseline_320x240", 320, 240}, {"main_854x480", 854, 480}, {"main_1920x1080", 1920, 1080},
-        {"high_3840x2160", 3840, 2160}, {"high10_640x360", 640, 360}, {"avcintra50_1440x1080", 1440, 1080},
+        {"main_1920x1440", 1920, 1440}, {"high_3840x2160", 3840, 2160}, {"high10_640x360", 640, 360}, {"avcintra50_1440x1080", 1440, 1080},
         {"avcintra50_960x720", 960, 720},
         // A decoder counts 4 rows per crop offset for fields, 1 in 4:2:2 and 4:4:4; the reader 2 throughout.
         {"interlaced_1920x1080", 1920, 1084}, {"high422_1920x1080", 1920, 1072}, {"high444_1920x1080", 1920, 1072},
