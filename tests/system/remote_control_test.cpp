@@ -2,6 +2,7 @@
 // application that picks the movement mode and zoom rate; the writer tool works "/shared_rc_raw". Command
 // frames reaching the camera are checked byte for byte (sequence and CRC16 masked, CRC16 checked).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -287,6 +288,49 @@ TEST_F(RemoteControlTest, ExistingObjectSticksLockSwitchAndZoom)
         EXPECT_EQ(rest.back(), rest.size() > 1 ? rest[rest.size() - 2] : Zoom(200 + 3 * z.second)) << z.first;
     }
     ExpectSteady("");
+}
+
+// An object that cannot be mapped is said once and retried quietly. Before the main application picks a movement
+// mode the slots are served once a second and the sticks are not read. Focus (slot 9) and the exposure lock
+// (slot 19) toggle from what the camera reported, and do nothing from a state they do not toggle.
+TEST_F(RemoteControlTest, UnmappableRecordSlowCycleFocusAndExposureLock)
+{
+    ASSERT_EQ(mkdir(kObjectPath, 0700), 0);   // a directory: neither opened nor created
+    ASSERT_TRUE(rig.Start()) << rig.daemon.Stderr();
+    ASSERT_TRUE(rig.daemon.WaitForStderr("Shared raw RC unavailable, retrying\n", 5000)) << rig.daemon.Stderr();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    EXPECT_EQ(Count(rig.daemon.Stderr(), "Shared raw RC unavailable, retrying\n"), 1u) << "said once";
+    ASSERT_EQ(rmdir(kObjectPath), 0);
+    ASSERT_TRUE(rig.daemon.WaitForStderr("Creating new shared raw RC\n", 5000)) << "a retry maps it";
+    ASSERT_TRUE(writer.Start(ToolPath("rcwriter"), {"--name=/shared_rc_raw", "--press-ms=1200", "-"}));
+
+    // No movement mode: a press held over one slow cycle acts; the sticks off centre send nothing.
+    CameraReportValues reported;
+    reported.focus_mode = 0x85;   // AFS
+    Reports({CameraReport(CameraReportKind::kFocus, reported)});
+    Write("set 0 0.5 set 1 -0.5");
+    Expect("press 9", {ExpectedFrameHex(0x02, 0x24, "02")});   // to AFC
+    Write("set 0 0 set 1 0");
+    rig.app.SendJson(JsonCommand({{"cmd", "set"}, {"name", "movement"}, {"value", "rel"}}));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300));   // the slow cycle that may be running
+
+    const struct {
+        CameraReportKind kind;
+        uint8_t focus_mode, ae_lock;
+        const char* slot;
+        std::vector<std::string> frames;
+    } toggles[] = {
+            {CameraReportKind::kFocus, 0x86, 0, "9", {ExpectedFrameHex(0x02, 0x24, "01")}},   // AFC to AFS
+            {CameraReportKind::kFocus, 0x84, 0, "9", {}},                                     // manual: nothing
+            {CameraReportKind::kSettings, 0, 1, "19", {ExpectedFrameHex(0x02, 0x68, "00")}},  // locked: unlock
+            {CameraReportKind::kSettings, 0, 0, "19", {ExpectedFrameHex(0x02, 0x68, "01")}},  // unlocked: lock
+        };
+    for (const auto& t : toggles) {
+        reported.focus_mode = t.focus_mode;
+        reported.ae_lock = t.ae_lock;
+        Reports({CameraReport(t.kind, reported)});
+        Expect(std::string("press ") + t.slot, t.frames);
+    }
 }
 
 }  // namespace

@@ -169,6 +169,24 @@ TEST_F(StartupTest, DefaultsReachTheCameraAt192_168_2_1)
     EXPECT_EQ(camera.ReceiveOfLength(48, 5000).size(), 48u) << daemon.Stderr();
 }
 
+// A destination host other than loopback's usual address: the status goes there.
+TEST_F(StartupTest, StatusGoesToTheDestinationHostGiven)
+{
+    ASSERT_EQ(system("ip addr add 10.9.8.7/32 dev lo"), 0);
+    UdpPeer app("10.9.8.7", 6000);
+    FakeCamera camera;
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(camera.port(), {"--dst-host", "10.9.8.7", "--dst-port",
+                                                                           "6000"})));
+    ASSERT_TRUE(camera.AwaitConnectRequest(5000)) << daemon.Stderr();
+    Bytes status;
+    for (int i = 0; i < 30 && (status.empty() || status[0] != 7); ++i) {
+        camera.SendReports(static_cast<uint16_t>(i), {});   // the data stream, so that status is sent
+        status = app.Receive(200);
+    }
+    ASSERT_FALSE(status.empty()) << daemon.Stderr();
+    EXPECT_EQ(std::string(status.begin(), status.begin() + 19), "\x07" "camera_detected=0,");
+}
+
 }  // namespace
 
 // Every endpoint gets the 10000000-byte receive buffer it asks for, although the system's maximum
