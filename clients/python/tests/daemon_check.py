@@ -165,6 +165,8 @@ def main():
             check(simulator.wait_for("applied: set recording 0"), "record slot released stops recording")
             rc.close()
         check(daemon.process.poll() is None, "the relay still runs")
+        for child in (daemon, simulator):
+            check("Sanitizer" not in child.text() and "runtime error:" not in child.text(), "no sanitizer report")
     finally:
         link.close()
         notices.close()
