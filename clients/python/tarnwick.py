@@ -324,7 +324,7 @@ def map_shared(name, size, writable=True):
         if os.fstat(fd).st_size != size:
             return None
         access = mmap.ACCESS_WRITE if writable else mmap.ACCESS_READ
-        return mmap.mmap(fd, size, mmap.MAP_SHARED, access=access)
+        return mmap.mmap(fd, size, access=access)   # ACCESS_WRITE and ACCESS_READ map shared
     finally:
         os.close(fd)
 
