@@ -17,7 +17,7 @@ packages=(
   iproute2 iptables util-linux          # namespaces, NAT rule, unshare
   ffmpeg x264                           # H.264 fixtures and decoding checks
   clang llvm libclang-rt-14-dev         # fuzzing: libFuzzer, sanitizers, llvm-cov
-  python3                               # the fuzz corpus generator
+  python3                               # the fuzz corpus generator, the Python client and its tests
   dpkg-dev lintian systemd              # the Debian package: dependencies, checks, the unit
 )
 
