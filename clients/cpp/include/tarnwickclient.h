@@ -183,7 +183,7 @@ void tarnwick_rc_close(tarnwick_rc* rc);
 int tarnwick_rc_set_value(tarnwick_rc* rc, unsigned slot, double value);   /* slot 0..43 */
 int tarnwick_rc_set_flag(tarnwick_rc* rc, unsigned slot, uint16_t flag);
 
-/* The live resolution from its two files; -1 when missing or out of 16..8192. */
+/* The live resolution from its two files; -1 when missing or out of 16..16384. */
 int tarnwick_read_resolution(int* width, int* height);
 
 #ifdef __cplusplus

@@ -21,7 +21,7 @@ namespace {
 // The relay's resolution files are written from a parameter-set walk that
 // checks no range; anything outside this is not a picture size.
 constexpr long kSmallestSide = 16;
-constexpr long kLargestSide = 8192;
+constexpr long kLargestSide = 16384;
 
 bool ReadSide(const char* path, int* side)
 {
@@ -177,9 +177,16 @@ int tarnwick_rc_set_flag(tarnwick_rc* rc, unsigned slot, uint16_t flag)
 
 int tarnwick_read_resolution(int* width, int* height)
 {
-    int w = 0, h = 0;
-    if (!tarnwick::ReadSide(kVideoWidthPath, &w) || !tarnwick::ReadSide(kVideoHeightPath, &h))
-        return -1;
+    // The two files are rewritten one after the other: a width that changed
+    // while the height was read may belong to another size; read again.
+    int w = 0, h = 0, w_again = 0;
+    for (int attempt = 0;; ++attempt) {
+        if (!tarnwick::ReadSide(kVideoWidthPath, &w) || !tarnwick::ReadSide(kVideoHeightPath, &h) ||
+            !tarnwick::ReadSide(kVideoWidthPath, &w_again))
+            return -1;
+        if (w == w_again || attempt == 2)
+            break;
+    }
     *width = w;
     *height = h;
     return 0;
