@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "app/service.h"
 #include "camera/camera_link.h"
 #include "camera/reassembly.h"
 #include "control/app_commands.h"
@@ -22,6 +23,7 @@ void EnterFuzzWorld()
         exit(77);
     }
     mkdir("/run/tarnwickrelay", 0755);
+    AttachLayers();   // reassembly reaches the decoder and the ring as in the service
 }
 
 void ResetServiceRecords()

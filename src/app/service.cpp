@@ -10,6 +10,7 @@
 #include "app/main_app_link.h"
 #include "bridge/mimo_bridge.h"
 #include "camera/camera_link.h"
+#include "camera/reassembly.h"
 #include "control/camera_commands.h"
 #include "net/clock.h"
 #include "net/shared_memory.h"
@@ -49,6 +50,15 @@ void ReadApIface(char* name, size_t capacity)
 
 void AttachLayers()
 {
+    CameraRoutes routes;
+    routes.handle_datagram = HandleCameraDatagram;
+    routes.phone_connected = IsMimoConnected;
+    routes.forward_to_phone = ForwardToPhone;
+    AttachCameraRoutes(routes);
+    StreamSinks sinks;
+    sinks.telemetry_block = [](const uint8_t* block, uint32_t length) { ScanTelemetryBuffer(nullptr, block, length); };
+    sinks.video_part = QueueVideoPart;
+    AttachStreamSinks(sinks);
     AttachTrackingRestarter(TrackingStart);
 }
 

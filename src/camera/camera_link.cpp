@@ -4,9 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bridge/mimo_bridge.h"
 #include "camera/frame.h"
-#include "camera/reassembly.h"
 #include "net/clock.h"
 #include "net/shutdown.h"
 
@@ -15,6 +13,13 @@ std::atomic<uint16_t> tx_sequence{0};
 std::atomic<uint16_t> rx_sequence{0};
 
 namespace {
+
+// Attached before any thread of the link starts; read-only afterwards.
+CameraRoutes routes;
+
+// Written by the receive thread (reassembly), read by the camera, status and
+// remote-control threads.
+std::atomic<bool> stream_seen{false};
 
 void OnCameraFound()
 {
@@ -37,6 +42,26 @@ bool StoreAddress(const char* host, int32_t port)
 }
 
 }  // namespace
+
+void AttachCameraRoutes(const CameraRoutes& attached)
+{
+    routes = attached;
+}
+
+bool IsPhoneConnected()
+{
+    return routes.phone_connected != nullptr && routes.phone_connected();
+}
+
+bool IsCameraStreamSeen()
+{
+    return stream_seen.load();
+}
+
+void MarkCameraStreamSeen()
+{
+    stream_seen.store(true);
+}
 
 void CameraLinkSetAddress(const char* host, int32_t port)
 {
@@ -89,7 +114,7 @@ void SendCameraPacket(uint8_t* frame, size_t length)
 
 void SendKeepAlive()
 {
-    if (IsMimoConnected())
+    if (IsPhoneConnected())
         return;
     uint16_t sequence = ReserveTxSequence();
     if (!IsCameraStreamSeen()) {
@@ -111,9 +136,11 @@ void SendVideoAck()
 
 void OnCameraDatagram(uint8_t* buffer, uint16_t length, const char*, uint16_t)
 {
-    HandleCameraDatagram(buffer, length);
+    if (routes.handle_datagram != nullptr)
+        routes.handle_datagram(buffer, length);
     camera_link.last_datagram_ms.store(NowMs());
-    ForwardToPhone(buffer, length);
+    if (routes.forward_to_phone != nullptr)
+        routes.forward_to_phone(buffer, length);
 }
 
 void* CameraThread(void*)
@@ -135,4 +162,5 @@ void ResetCameraSequences()
 {
     tx_sequence.store(0);
     rx_sequence.store(0);
+    stream_seen.store(false);
 }

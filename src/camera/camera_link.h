@@ -55,6 +55,24 @@ extern std::atomic<uint16_t> rx_sequence;
 // The number for the next datagram that carries or advances tx_sequence.
 uint16_t ReserveTxSequence();
 
+// Where the camera's datagrams go beyond the connection, on the floors above
+// (reassembly, the phone bridge): attached once at start-up, before the
+// link opens, and read by its threads only after that. A route left null
+// is skipped.
+struct CameraRoutes {
+    void (*handle_datagram)(const uint8_t* buffer, size_t length) = nullptr;  // reassembly
+    bool (*phone_connected)() = nullptr;       // the phone app keeps the connection alive itself
+    void (*forward_to_phone)(const uint8_t* data, size_t length) = nullptr;
+};
+void AttachCameraRoutes(const CameraRoutes& routes);
+// True while the phone app is connected through the bridge (its route).
+bool IsPhoneConnected();
+
+// True from the first data-stream datagram on (MarkCameraStreamSeen, by
+// reassembly); never cleared but by ResetCameraSequences.
+bool IsCameraStreamSeen();
+void MarkCameraStreamSeen();
+
 // Opens the camera endpoint and starts the camera thread. Returns 0 or -1.
 int CameraLinkInit(const char* host, int32_t port);
 
@@ -86,5 +104,5 @@ void OnCameraDatagram(uint8_t* buffer, uint16_t length, const char* peer_ip, uin
 // The camera thread's loop; never returns.
 void* CameraThread(void*);
 
-// Both sequence counters back to 0, as at start.
+// Both sequence counters back to 0 and no stream seen, as at start.
 void ResetCameraSequences();

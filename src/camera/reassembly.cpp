@@ -1,20 +1,15 @@
 #include "camera/reassembly.h"
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
-#include "bridge/mimo_bridge.h"
 #include "camera/camera_link.h"
 #include "camera/frame.h"
-#include "state/telemetry_decoder.h"
-#include "video/frame_buffer.h"
 
 namespace {
 
-// Written by the receive thread, read by the camera, status and
-// remote-control threads.
-std::atomic<bool> stream_seen{false};
+// Attached before the camera link opens; read-only afterwards.
+StreamSinks sinks;
 
 // Only the camera endpoint's receive thread touches the collected stream.
 uint8_t telemetry_buffer[kTelemetryBufferSize];
@@ -26,16 +21,16 @@ void HandleLiveVideo(const uint8_t* buffer, size_t length)
     if (length >= kReceivedHeaderSize + sizeof kVideoLongHeaderMarker &&
         memcmp(buffer + kReceivedHeaderSize, kVideoLongHeaderMarker, sizeof kVideoLongHeaderMarker) == 0)
         header = kVideoLongHeaderSize;
-    if (length > header)
-        QueueVideoPart(buffer + header, static_cast<uint32_t>(length - header));
-    if (IsMimoConnected())
+    if (length > header && sinks.video_part != nullptr)
+        sinks.video_part(buffer + header, static_cast<uint32_t>(length - header));
+    if (IsPhoneConnected())
         return;  // the phone app acknowledges the camera itself
     SendVideoAck();
 }
 
 void HandleDataStream(const uint8_t* buffer, size_t length)
 {
-    stream_seen.store(true);
+    MarkCameraStreamSeen();
     if (length <= kReceivedHeaderSize)
         return;
     const uint8_t* payload = buffer + kReceivedHeaderSize;
@@ -49,7 +44,8 @@ void HandleDataStream(const uint8_t* buffer, size_t length)
     memcpy(telemetry_buffer + telemetry_fill, payload, payload_length);
     telemetry_fill += payload_length;
     if (telemetry_fill > kTelemetryBlockThreshold) {
-        ScanTelemetryBuffer(nullptr, telemetry_buffer, telemetry_fill);
+        if (sinks.telemetry_block != nullptr)
+            sinks.telemetry_block(telemetry_buffer, telemetry_fill);
         telemetry_fill = 0;
     }
 }
@@ -73,13 +69,12 @@ void HandleCameraDatagram(const uint8_t* buffer, size_t length)
     }
 }
 
-bool IsCameraStreamSeen()
+void AttachStreamSinks(const StreamSinks& attached)
 {
-    return stream_seen.load();
+    sinks = attached;
 }
 
 void ResetReassembly()
 {
-    stream_seen.store(false);
     telemetry_fill = 0;
 }

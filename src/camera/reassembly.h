@@ -13,8 +13,13 @@ constexpr uint32_t kTelemetryBlockThreshold = 500;
 // endpoint's receive thread.
 void HandleCameraDatagram(const uint8_t* buffer, size_t length);
 
-// True from the first data-stream datagram on; never cleared.
-bool IsCameraStreamSeen();
+// Where the sorted stream goes, on the floor above (the telemetry decoder, the
+// video ring): attached once at start-up, before the camera link opens.
+struct StreamSinks {
+    void (*telemetry_block)(const uint8_t* block, uint32_t length) = nullptr;
+    void (*video_part)(const uint8_t* payload, uint32_t length) = nullptr;
+};
+void AttachStreamSinks(const StreamSinks& sinks);
 
-// Back to a fresh start: no stream seen, the telemetry buffer empty.
+// Back to a fresh start: the telemetry buffer empty.
 void ResetReassembly();

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "camera/reassembly.h"
+#include "camera/camera_link.h"
 #include "control/app_commands.h"
 #include "control/camera_commands.h"
 #include "control/setting_commands.h"

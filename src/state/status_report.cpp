@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "camera/frame.h"
-#include "camera/reassembly.h"
+#include "camera/camera_link.h"
 #include "net/clock.h"
 
 namespace {
