@@ -400,9 +400,24 @@ class RingReader:
         self.parts += 1
         return True
 
+    def _object_short(self):
+        """True while another process has cut the object short: reading the
+        mapping past its end would end this process (SIGBUS). The relay
+        restores the size within about a second."""
+        size = getattr(self.region, "size", None)
+        if size is None:
+            return False
+        try:
+            return size() < RING_SIZE
+        except OSError:
+            return False                    # an anonymous mapping has no file to shrink
+
     def poll(self):
         """The chunks complete behind next_slot, in stream order, as a list
-        of bytes (empty when nothing is new)."""
+        of bytes (empty when nothing is new, or while the object is cut
+        short)."""
+        if self._object_short():
+            return []
         if self.fields[_CLEAR_REQUEST] != 0:
             self._clear_pending = True
             return []

@@ -179,6 +179,22 @@ class RingReaderTest(unittest.TestCase):
         self.assertEqual(reader.poll(), [b"restart", b"next"])
         self.assertEqual(reader.lost_parts, 0)
 
+    def test_an_object_cut_short_is_not_read(self):
+        with tempfile.TemporaryFile() as backing:
+            backing.truncate(60003624)
+            region = mmap.mmap(backing.fileno(), 60003624)
+            set_header(region, clear_request=0, next_slot=10)
+            reader = tarnwick.RingReader(region)
+            write_slot(region, 10, 1, 0, b"a")
+            set_header(region, next_slot=11)
+            backing.truncate(100)                       # another process shrinks it: slot 10 is past its end
+            self.assertEqual(reader.poll(), [], "nothing read, and no SIGBUS")
+            backing.truncate(60003624)                  # restored
+            write_slot(region, 10, 1, 0, b"a")
+            set_header(region, clear_request=0, next_slot=11)
+            self.assertEqual(reader.poll(), [b"a"])
+            reader.close()
+
     def test_slot_overwritten_while_copied_is_dropped(self):
         region = self.region
         set_header(region, clear_request=0, next_slot=4)
