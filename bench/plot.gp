@@ -14,7 +14,8 @@ rows(system, payload) = sprintf("< awk -F, '($1==\"light\" || $1==\"series\") &&
 systems = "daemon plain batched"
 colour(i) = i == 1 ? "#c0392b" : i == 2 ? "#2c3e50" : "#27ae60"
 set multiplot layout 1,2 title "tarnwickrelay video path on loopback: the daemon beside two bare loops"
-set logscale x
+set logscale xy
+set xrange [500:500000]
 set grid
 set key top left
 set xlabel "datagrams/s asked of the sender"
@@ -26,6 +27,8 @@ plot for [i=1:3] rows(word(systems, i), 1400) using 3:6 with linespoints lw 2 pt
      for [i=1:3] rows(word(systems, i), 9000) using 3:6 with linespoints lw 2 dt 2 pt 6 lc rgb colour(i) \
          title word(systems, i)." 9000 B", \
      x with lines lc rgb "#999999" dt 3 title "all delivered"
+unset logscale y
+set yrange [0:*]
 set ylabel "CPU of the receiving process, microseconds per datagram"
 set format y "%g"
 set key top right
