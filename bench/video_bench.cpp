@@ -571,6 +571,16 @@ struct Series {
     std::vector<double> rates;
 };
 
+// A data-stream datagram from the camera: the daemon ends after 5 s without
+// camera data, so phases without video send one now and then.
+void KeepCameraTalking(int camera_fd, uint16_t daemon_port)
+{
+    uint8_t stream[kReceivedHeaderSize + 16] = {};
+    BuildCameraDatagramHeader(stream, kReceivedHeaderSize, sizeof stream, kTransportDataStream, 1);
+    struct sockaddr_in daemon = Loopback(daemon_port);
+    sendto(camera_fd, stream, sizeof stream, 0, reinterpret_cast<struct sockaddr*>(&daemon), sizeof daemon);
+}
+
 // ---- load beside the video: the main application, the remote control, the phone ----
 
 enum class Load { kBusy, kFlood };
@@ -638,10 +648,7 @@ bool SetUpLoad(LoadPeers* peers, int camera_fd, uint16_t daemon_port)
 {
     // The status report and the remote control start once the camera's data
     // stream has been seen.
-    uint8_t stream[kReceivedHeaderSize + 16] = {};
-    BuildCameraDatagramHeader(stream, kReceivedHeaderSize, sizeof stream, kTransportDataStream, 1);
-    struct sockaddr_in daemon = Loopback(daemon_port);
-    sendto(camera_fd, stream, sizeof stream, 0, reinterpret_cast<struct sockaddr*>(&daemon), sizeof daemon);
+    KeepCameraTalking(camera_fd, daemon_port);
     peers->app_fd = OpenUdpSocket(5000);
     struct timeval timeout = {0, 100000};
     setsockopt(peers->app_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -723,7 +730,7 @@ void RunLoadComparison(int camera_fd, uint16_t daemon_port, ChildProcess* daemon
 
 // Every kind of command the interpreter knows, and the inputs it drops: the
 // daemon's heap allocations while it handles them, beside the same time idle.
-void RunCommandKinds(const LoadPeers* peers, int rounds)
+void RunCommandKinds(const LoadPeers* peers, int camera_fd, uint16_t daemon_port, int rounds)
 {
     const char* const kinds[] = {
         R"({"cmd":"record","param":"start"})", R"({"cmd":"record","param":"stop"})", R"({"cmd":"shot"})",
@@ -759,13 +766,19 @@ void RunCommandKinds(const LoadPeers* peers, int rounds)
                    sizeof daemon);
         }
         usleep(static_cast<useconds_t>(kKindCount * 500));   // 2000 commands a second
+        if (round % 20 == 0)
+            KeepCameraTalking(camera_fd, daemon_port);
     }
-    int64_t end = NowNs() + static_cast<int64_t>((seconds - static_cast<double>(rounds * kKindCount) / 2000.0) * 1e9);
-    while (NowNs() < end)
-        usleep(10000);
+    auto wait = [&](double wait_seconds) {
+        for (int64_t end = NowNs() + static_cast<int64_t>(wait_seconds * 1e9); NowNs() < end;) {
+            KeepCameraTalking(camera_fd, daemon_port);
+            usleep(200000);
+        }
+    };
+    wait(seconds - static_cast<double>(rounds * kKindCount) / 2000.0);
     uint64_t with_commands = ReadAllocationCount() - before;
     before = ReadAllocationCount();
-    usleep(static_cast<useconds_t>(seconds * 1e6));
+    wait(seconds);
     uint64_t idle = ReadAllocationCount() - before;
     printf("JSON commands: %zu kinds (every command, malformed, not an object, unknown) x %d = %zu commands;\n"
            "daemon heap allocations meanwhile: %llu, in the same %.1f s idle: %llu\n\n",
@@ -935,7 +948,7 @@ int main(int argc, char** argv)
         if (!SetUpLoad(&peers, camera_fd, daemon_port)) {
             fputs("the daemon's command port or remote-control record is missing\n", stderr);
         } else {
-            RunCommandKinds(&peers, quick ? 20 : 100);
+            RunCommandKinds(&peers, camera_fd, daemon_port, quick ? 20 : 100);
             RunLoadComparison(camera_fd, daemon_port, &daemon, daemon_ring, &peers, 20000, quick ? 3 : 5,
                               quick ? 3 : 10);
         }
