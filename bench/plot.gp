@@ -16,6 +16,7 @@ colour(i) = i == 1 ? "#c0392b" : i == 2 ? "#2c3e50" : "#27ae60"
 set multiplot layout 1,2 title "tarnwickrelay video path on loopback: the daemon beside two bare loops"
 set logscale xy
 set xrange [500:500000]
+set yrange [500:500000]
 set grid
 set key top left
 set xlabel "datagrams/s asked of the sender"
