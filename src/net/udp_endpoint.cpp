@@ -90,6 +90,14 @@ void FlushQueuedSends(SendQueue* queue)
             messages[run].msg_hdr.msg_iov = &vectors[run];
             messages[run].msg_hdr.msg_iovlen = 1;
         }
+        if (run == 1) {   // one datagram: the plain call costs less
+            if (sendto(endpoint->socket, vectors[0].iov_base, vectors[0].iov_len, MSG_DONTWAIT,
+                       static_cast<const struct sockaddr*>(messages[0].msg_hdr.msg_name),
+                       messages[0].msg_hdr.msg_namelen) < 0)
+                NoteSendFailure(endpoint, errno);
+            start = end;
+            continue;
+        }
         for (unsigned sent = 0; sent < run;) {
             int done = sendmmsg(endpoint->socket, messages + sent, run - sent, MSG_DONTWAIT);
             if (done > 0) {
@@ -204,13 +212,22 @@ void UdpEndpoint::RunBatchedReceiveLoop(uint8_t* storage)
     queue.count = 0;
     batch_send_queue = &queue;
     unsigned used = buffer_count;   // buffers written by the last receive
+    constexpr unsigned kProbeInterval = 8;
+    unsigned singles_since_probe = 0;
     for (;;) {
         if (clear_before_receive)
             memset(storage, 0, static_cast<size_t>(used) * buffer_size);
-        for (uint16_t i = 0; i < buffer_count; ++i)
+        // While datagrams come one at a time, a receive of one spares the
+        // kernel the look for a second that is not there; every
+        // kProbeInterval-th receive looks again, and a batch that finds more
+        // than one keeps the full batches going.
+        unsigned want = used > 1 || ++singles_since_probe >= kProbeInterval ? buffer_count : 1;
+        if (want > 1)
+            singles_since_probe = 0;
+        for (unsigned i = 0; i < want; ++i)
             messages[i].msg_hdr.msg_namelen = sizeof sources[i];
         // Blocks for the first datagram only, then takes what is queued.
-        int received = recvmmsg(socket, messages, buffer_count, MSG_WAITFORONE, nullptr);
+        int received = recvmmsg(socket, messages, want, MSG_WAITFORONE, nullptr);
         if (received <= 0)
             FailReceive();
         used = static_cast<unsigned>(received);
