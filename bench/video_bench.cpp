@@ -1,10 +1,14 @@
 // tarnwick-video-bench: the live video path of the real daemon under load,
-// beside a bare baseline measured in the same run.
+// beside two bare baselines measured in the same run.
 //
-//   build/bench/tarnwick-video-bench [--seconds=<per run>] [--repeat=<runs per step>] [--quick]
-//                                    [--load-only | --no-load]           (as root)
+//   build/bench/tarnwick-video-bench [--seconds=<per run>] [--light-seconds=<per light run>]
+//                                    [--repeat=<runs per step>] [--quick] [--load-only | --no-load]
+//                                    [--csv=<file>] [--png=<file>]        (as root)
 //
-// First, unless --no-load: video beside load, each loaded run after a quiet
+// Start-up: the time from exec to the daemon's first connect request. Idle:
+// each receiving process's CPU with no video. Then, unless --no-load, every
+// kind of JSON command with the daemon's heap allocations counted meanwhile,
+// and video beside load, each loaded run after a quiet
 // run of the same video. "busy" is a main application sending 1000 JSON
 // commands a second, the remote control's 50 Hz gimbal stream (a stick held
 // off centre) and the phone connected to the bridge (every camera datagram
@@ -19,20 +23,24 @@
 // 9000-byte payloads) at rising rates, open loop. Every datagram carries its
 // number in the camera's sequence field, which the daemon's 34-byte
 // acknowledgement echoes, for the latency. The
-// baseline is a forked process with the least the job needs: recvfrom into a
-// 10000-byte buffer, memcpy into a shared-memory ring of the same geometry
-// with the same slot header and next_slot / last_part stores, and the 34-byte
-// ack back with sendto, on a socket with the daemon's buffer sizes. Both are
-// driven by the same sender, step by step in turn, each step run twice by
-// default and each side's best run kept. The receiving process has CPU 1 to
-// itself; the sender and the ack reader share CPU 0.
+// plain baseline is a forked process with the least the job needs: recvfrom
+// into a 10000-byte buffer, memcpy into a shared-memory ring of the same
+// geometry with the same slot header and next_slot / last_part stores, and
+// the 34-byte ack back with sendto, on a socket with the daemon's buffer
+// sizes; the batched one does the same with recvmmsg and one sendmmsg of the
+// batch's acks. All three are driven by the same sender, step by step in
+// turn, each step run twice by default and each side's best run kept; the
+// camera's own rates (1k, 3k, 10k datagrams/s) first, 5 s per run. --csv
+// writes every figure; --png also draws them (bench/plot.gp, gnuplot). The
+// receiving process has CPU 1 to itself; the sender and the ack reader share
+// CPU 0.
 //
 // Per step and system: delivered datagrams/s (parts that reached the ring,
 // counted from its last_part, per second of sending), loss (sent - delivered:
 // kernel drops, as neither side drops on its own; acks lost on the way back
 // do not count), CPU seconds of the receiving process per 100k datagrams
-// (/proc utime + stime), and ack latency p50 / p99 (send to ack, one clock).
-// Then the ratio of the daemon's delivered rate to the baseline's, the knee of
+// (the scheduler's run time of all its threads), and ack latency p50 / p99
+// (send to ack, one clock). Then the ratios to both baselines, the knee of
 // each (the highest rate with loss under 0.1%) and the daemon's heap
 // allocations while it carried the run.
 #include <arpa/inet.h>
