@@ -1,10 +1,14 @@
 // tarnwick-video-bench: the live video path of the real daemon under load,
-// beside a bare baseline measured in the same run.
+// beside two bare baselines measured in the same run.
 //
-//   build/bench/tarnwick-video-bench [--seconds=<per run>] [--repeat=<runs per step>] [--quick]
-//                                    [--load-only | --no-load]           (as root)
+//   build/bench/tarnwick-video-bench [--seconds=<per run>] [--light-seconds=<per light run>]
+//                                    [--repeat=<runs per step>] [--quick] [--load-only | --no-load]
+//                                    [--csv=<file>] [--png=<file>]        (as root)
 //
-// First, unless --no-load: video beside load, each loaded run after a quiet
+// Start-up: the time from exec to the daemon's first connect request. Idle:
+// each receiving process's CPU with no video. Then, unless --no-load, every
+// kind of JSON command with the daemon's heap allocations counted meanwhile,
+// and video beside load, each loaded run after a quiet
 // run of the same video. "busy" is a main application sending 1000 JSON
 // commands a second, the remote control's 50 Hz gimbal stream (a stick held
 // off centre) and the phone connected to the bridge (every camera datagram
@@ -19,23 +23,28 @@
 // 9000-byte payloads) at rising rates, open loop. Every datagram carries its
 // number in the camera's sequence field, which the daemon's 34-byte
 // acknowledgement echoes, for the latency. The
-// baseline is a forked process with the least the job needs: recvfrom into a
-// 10000-byte buffer, memcpy into a shared-memory ring of the same geometry
-// with the same slot header and next_slot / last_part stores, and the 34-byte
-// ack back with sendto, on a socket with the daemon's buffer sizes. Both are
-// driven by the same sender, step by step in turn, each step run twice by
-// default and each side's best run kept. The receiving process has CPU 1 to
-// itself; the sender and the ack reader share CPU 0.
+// plain baseline is a forked process with the least the job needs: recvfrom
+// into a 10000-byte buffer, memcpy into a shared-memory ring of the same
+// geometry with the same slot header and next_slot / last_part stores, and
+// the 34-byte ack back with sendto, on a socket with the daemon's buffer
+// sizes; the batched one does the same with recvmmsg and one sendmmsg of the
+// batch's acks. All three are driven by the same sender, step by step in
+// turn, each step run twice by default and each side's best run kept; the
+// camera's own rates (1k, 3k, 10k datagrams/s) first, 5 s per run. --csv
+// writes every figure; --png also draws them (bench/plot.gp, gnuplot). The
+// receiving process has CPU 1 to itself; the sender and the ack reader share
+// CPU 0.
 //
 // Per step and system: delivered datagrams/s (parts that reached the ring,
 // counted from its last_part, per second of sending), loss (sent - delivered:
 // kernel drops, as neither side drops on its own; acks lost on the way back
 // do not count), CPU seconds of the receiving process per 100k datagrams
-// (/proc utime + stime), and ack latency p50 / p99 (send to ack, one clock).
-// Then the ratio of the daemon's delivered rate to the baseline's, the knee of
+// (the scheduler's run time of all its threads), and ack latency p50 / p99
+// (send to ack, one clock). Then the ratios to both baselines, the knee of
 // each (the highest rate with loss under 0.1%) and the daemon's heap
 // allocations while it carried the run.
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <netinet/in.h>
@@ -58,6 +67,7 @@
 #include <thread>
 #include <vector>
 
+#include "camera/camera_link.h"
 #include "sim/camera_side.h"
 #include "camera/frame.h"
 #include "bridge/mimo_bridge.h"
@@ -72,6 +82,7 @@ namespace {
 
 constexpr const char* kMallocCountFile = "/dev/shm/tarnwick-bench-malloc-count";
 constexpr const char* kBaselineRingName = "tarnwick_bench_baseline_ring";
+constexpr const char* kBatchedRingName = "tarnwick_bench_batched_ring";
 constexpr size_t kMaxDatagram = 10000;   // the daemon's camera receive buffer
 constexpr size_t kBatch = 32;            // datagrams per sendmmsg at most
 constexpr uint32_t kSequenceSpace = 65536;
@@ -83,8 +94,8 @@ int64_t NowNs()
     return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-// utime + stime of a process, in seconds.
-double ProcessCpuSeconds(pid_t pid)
+// utime + stime of a process, in seconds, from /proc/<pid>/stat (clock ticks).
+double ProcessCpuSecondsFromTicks(pid_t pid)
 {
     char path[64];
     snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
@@ -106,12 +117,49 @@ double ProcessCpuSeconds(pid_t pid)
     return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+// CPU seconds of a process: the scheduler's own run time of each of its
+// threads (/proc/<pid>/task/<tid>/sched, nanosecond resolution, so that the
+// light load of a thousand datagrams a second still measures), or the
+// clock-tick count where the kernel does not show it.
+double ProcessCpuSeconds(pid_t pid)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/task", static_cast<int>(pid));
+    DIR* tasks = opendir(path);
+    if (tasks == nullptr)
+        return 0;
+    double total_ms = 0;
+    bool found = false;
+    for (struct dirent* task; (task = readdir(tasks)) != nullptr;) {
+        if (task->d_name[0] == '.')
+            continue;
+        char sched_path[400];
+        snprintf(sched_path, sizeof sched_path, "%s/%s/sched", path, task->d_name);
+        FILE* file = fopen(sched_path, "r");
+        if (file == nullptr)
+            continue;
+        char line[256];
+        while (fgets(line, sizeof line, file) != nullptr) {
+            double ms = 0;
+            if (strncmp(line, "se.sum_exec_runtime", 19) == 0 && sscanf(strchr(line, ':') + 1, "%lf", &ms) == 1) {
+                total_ms += ms;
+                found = true;
+                break;
+            }
+        }
+        fclose(file);
+    }
+    closedir(tasks);
+    return found ? total_ms / 1000.0 : ProcessCpuSecondsFromTicks(pid);
+}
+
 int OpenUdpSocket(uint16_t port)
 {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    // The daemon's buffer sizes, past net.core.rmem_max as the daemon forces them.
     int size = kUdpSocketBufferBytes;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size);
     struct sockaddr_in local;
     memset(&local, 0, sizeof local);
     local.sin_family = AF_INET;
@@ -146,9 +194,9 @@ struct sockaddr_in Loopback(uint16_t port)
 
 // A shared-memory ring of the daemon's geometry, mapped before the fork so
 // that the benchmark sees the baseline's parts as it sees the daemon's.
-uint8_t* MapBaselineRing()
+uint8_t* MapBaselineRing(const char* name)
 {
-    int fd = shm_open(kBaselineRingName, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int fd = shm_open(name, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0 || ftruncate(fd, kFrameBufferSize) != 0) {
         perror("baseline ring");
         exit(1);
@@ -185,6 +233,57 @@ uint8_t* MapBaselineRing()
         RingStoreField(ring, kRingLastPartOffset, part++);
         BuildAckDatagram(ack, ReadLe16(datagram + kReceivedSequenceOffset));
         sendto(fd, ack, sizeof ack, 0, reinterpret_cast<struct sockaddr*>(&from), from_length);
+    }
+}
+
+// The same job with batched system calls: recvmmsg (blocking for the first
+// datagram only, as the daemon's camera receive does), the copies into the
+// ring in order, then every ack of the batch in one sendmmsg.
+[[noreturn]] void RunBatchedBaseline(int fd, uint8_t* ring)
+{
+    constexpr unsigned kBatchSize = kCameraReceiveBatch;   // the daemon's
+    static uint8_t datagrams[kBatchSize][kMaxDatagram];
+    static uint8_t acks[kBatchSize][kAckDatagramSize];
+    struct mmsghdr in[kBatchSize], out[kBatchSize];
+    struct iovec in_vectors[kBatchSize], out_vectors[kBatchSize];
+    struct sockaddr_in sources[kBatchSize];
+    memset(in, 0, sizeof in);
+    memset(out, 0, sizeof out);
+    for (unsigned i = 0; i < kBatchSize; ++i) {
+        in_vectors[i] = {datagrams[i], kMaxDatagram};
+        in[i].msg_hdr.msg_name = &sources[i];
+        in[i].msg_hdr.msg_iov = &in_vectors[i];
+        in[i].msg_hdr.msg_iovlen = 1;
+        out_vectors[i] = {acks[i], kAckDatagramSize};
+        out[i].msg_hdr.msg_iov = &out_vectors[i];
+        out[i].msg_hdr.msg_iovlen = 1;
+    }
+    uint32_t slot = 0;
+    uint16_t part = 0;
+    for (;;) {
+        for (unsigned i = 0; i < kBatchSize; ++i)
+            in[i].msg_hdr.msg_namelen = sizeof sources[i];
+        int received = recvmmsg(fd, in, kBatchSize, MSG_WAITFORONE, nullptr);
+        unsigned ready = 0;
+        for (int i = 0; i < received; ++i) {
+            const uint8_t* datagram = datagrams[i];
+            size_t length = in[i].msg_len;
+            if (length <= kReceivedHeaderSize || datagram[kTransportTypeOffset] != kTransportLiveVideo)
+                continue;
+            uint32_t payload = static_cast<uint32_t>(length - kReceivedHeaderSize);
+            uint8_t* slot_bytes = RingSlot(ring, slot);
+            memcpy(slot_bytes + kSlotDataOffset, datagram + kReceivedHeaderSize, payload);
+            RingWriteSlotHeader(slot_bytes, payload, part, 0);
+            slot = RingNextSlot(slot);
+            RingStoreField(ring, kRingNextSlotOffset, static_cast<uint16_t>(slot));
+            RingStoreField(ring, kRingLastPartOffset, part++);
+            BuildAckDatagram(acks[ready], ReadLe16(datagram + kReceivedSequenceOffset));
+            out[ready].msg_hdr.msg_name = &sources[i];
+            out[ready].msg_hdr.msg_namelen = in[i].msg_hdr.msg_namelen;
+            ++ready;
+        }
+        if (ready > 0)
+            sendmmsg(fd, out, ready, 0);
     }
 }
 
@@ -415,14 +514,54 @@ double LossFraction(const StepResult& r)
     return r.sent > 0 ? static_cast<double>(r.sent - r.delivered) / static_cast<double>(r.sent) : 0.0;
 }
 
-void PrintRow(double rate, const StepResult& d, const StepResult& b)
+// One receiving system of a side-by-side run.
+struct System {
+    const char* name;
+    uint16_t port;
+    pid_t pid;
+    const uint8_t* ring;
+};
+enum SystemIndex { kDaemon, kPlain, kBatched, kSystemCount };
+
+FILE* csv = nullptr;   // --csv: every measured row
+
+void WriteCsvRow(const char* section, size_t payload, double rate, const char* system, const StepResult& r)
 {
-    auto loss = [](const StepResult& r) { return 100.0 * LossFraction(r); };
-    printf("%7.0f %7.0f | %9.0f %6.2f%% %6.3f %6.0f %7.0f | %9.0f %6.2f%% %6.3f %6.0f %7.0f | %5.2f\n", rate,
-           std::min(d.offered_per_s, b.offered_per_s), d.delivered_per_s, loss(d), d.cpu_per_100k, d.p50_us, d.p99_us,
-           b.delivered_per_s, loss(b), b.cpu_per_100k, b.p50_us, b.p99_us,
-           b.delivered_per_s > 0 ? d.delivered_per_s / b.delivered_per_s : NAN);
+    if (csv == nullptr)
+        return;
+    fprintf(csv, "%s,%zu,%.0f,%s,%.0f,%.0f,%.4f,%.4f,%.3f,%.1f,%.1f\n", section, payload, rate, system,
+            r.offered_per_s, r.delivered_per_s, 100.0 * LossFraction(r), r.cpu_per_100k, r.cpu_per_100k * 10.0,
+            r.p50_us, r.p99_us);
+    fflush(csv);
+}
+
+double Ratio(double value, double reference)
+{
+    return reference > 0 ? value / reference : NAN;
+}
+
+// One step of the series: each system's line, with the ratios to both baselines.
+void PrintSeriesRows(size_t payload, double rate, const System* systems, const StepResult* r)
+{
+    for (int i = 0; i < kSystemCount; ++i) {
+        printf("%7.0f %-8s %9.0f | %9.0f %6.2f%% %6.3f %6.0f %7.0f | %5.2f %5.2f %5.2f | %5.2f\n", rate,
+               systems[i].name, r[i].offered_per_s, r[i].delivered_per_s, 100.0 * LossFraction(r[i]),
+               r[i].cpu_per_100k, r[i].p50_us, r[i].p99_us, Ratio(r[i].delivered_per_s, r[kPlain].delivered_per_s),
+               Ratio(r[i].cpu_per_100k, r[kPlain].cpu_per_100k), Ratio(r[i].p99_us, r[kPlain].p99_us),
+               Ratio(r[i].delivered_per_s, r[kBatched].delivered_per_s));
+        WriteCsvRow("series", payload, rate, systems[i].name, r[i]);
+    }
     fflush(stdout);
+}
+
+// A run whose figures are kept: for throughput the one that delivered most,
+// for the light rates the one that cost least CPU (other load on a shared
+// machine only ever makes a run worse).
+bool Better(const StepResult& candidate, const StepResult& kept, bool by_cpu)
+{
+    if (by_cpu)
+        return candidate.cpu_per_100k < kept.cpu_per_100k;
+    return candidate.delivered > kept.delivered;
 }
 
 // Puts the calling thread (and what it forks or starts later) on one CPU.
@@ -440,6 +579,15 @@ struct Series {
     std::vector<double> rates;
 };
 
+// A data-stream datagram from the camera: the daemon ends after 5 s without
+// camera data, so phases without video send one now and then.
+void KeepCameraTalking(int camera_fd, uint16_t daemon_port)
+{
+    uint8_t stream[kReceivedHeaderSize + 16] = {};
+    BuildCameraDatagramHeader(stream, kReceivedHeaderSize, sizeof stream, kTransportDataStream, 1);
+    struct sockaddr_in daemon = Loopback(daemon_port);
+    sendto(camera_fd, stream, sizeof stream, 0, reinterpret_cast<struct sockaddr*>(&daemon), sizeof daemon);
+}
 
 // ---- load beside the video: the main application, the remote control, the phone ----
 
@@ -508,10 +656,7 @@ bool SetUpLoad(LoadPeers* peers, int camera_fd, uint16_t daemon_port)
 {
     // The status report and the remote control start once the camera's data
     // stream has been seen.
-    uint8_t stream[kReceivedHeaderSize + 16] = {};
-    BuildCameraDatagramHeader(stream, kReceivedHeaderSize, sizeof stream, kTransportDataStream, 1);
-    struct sockaddr_in daemon = Loopback(daemon_port);
-    sendto(camera_fd, stream, sizeof stream, 0, reinterpret_cast<struct sockaddr*>(&daemon), sizeof daemon);
+    KeepCameraTalking(camera_fd, daemon_port);
     peers->app_fd = OpenUdpSocket(5000);
     struct timeval timeout = {0, 100000};
     setsockopt(peers->app_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -591,25 +736,93 @@ void RunLoadComparison(int camera_fd, uint16_t daemon_port, ChildProcess* daemon
     printf("\n");
 }
 
+// Every kind of command the interpreter knows, and the inputs it drops: the
+// daemon's heap allocations while it handles them, beside the same time idle.
+void RunCommandKinds(const LoadPeers* peers, int camera_fd, uint16_t daemon_port, int rounds)
+{
+    const char* const kinds[] = {
+        R"({"cmd":"record","param":"start"})", R"({"cmd":"record","param":"stop"})", R"({"cmd":"shot"})",
+        R"({"cmd":"camera","param":"mode","value":"video"})", R"({"cmd":"position","param":"normal"})",
+        R"({"cmd":"position","param":"selfie"})", R"({"cmd":"position","param":"abs","value":"10","value2":"-20","value3":"30"})",
+        R"({"cmd":"position","param":"abs_norm","value":"0.1","value2":"-0.2","value3":"0.3"})",
+        R"({"cmd":"tracking","param":"start","value":"0.2","value2":"0.2","value3":"0.5","value4":"0.5"})",
+        R"({"cmd":"tracking","param":"stop"})", R"({"cmd":"orientation","param":"lock"})",
+        R"({"cmd":"orientation","param":"unlock"})", R"({"cmd":"focus","param":"type","value":"af"})",
+        R"({"cmd":"focus","param":"point","value":"0.5","value2":"0.5"})", R"({"cmd":"dzoom","param":"set","value":"150"})",
+        R"({"cmd":"exposure","param":"point","value":"3"})", R"({"cmd":"exposure","param":"center"})",
+        R"({"cmd":"exposure","param":"auto","value":"lock"})", R"({"cmd":"video_mode","param":"auto"})",
+        R"({"cmd":"shutter","param":"1/100"})", R"({"cmd":"aperture","param":"2.0"})", R"({"cmd":"iso","param":"400"})",
+        R"({"cmd":"ev","param":"+0.7"})", R"({"cmd":"wb","param":"custom","value":"5000"})",
+        R"({"cmd":"color","param":"normal"})", R"({"cmd":"video_resolution","param":"1080p30"})",
+        R"({"cmd":"video_aspect","param":"16:9"})", R"({"cmd":"sensor_res","param":"12MP"})",
+        R"({"cmd":"shotmode","param":"single"})", R"({"cmd":"antiflicker","param":"50"})",
+        R"({"cmd":"video_std","param":"pal"})", R"({"cmd":"horizont","param":"start"})", R"({"cmd":"resetcamera"})",
+        R"({"cmd":"format","param":"sd"})", R"({"cmd":"histogram","param":"on"})",
+        R"({"cmd":"gimbal","param":"mode","value":"fpv"})", R"({"cmd":"gimbal","param":"follow","value":"fast"})",
+        R"({"cmd":"playback","param":"play"})", R"({"cmd":"playback","param":"pause"})",
+        R"({"cmd":"playback","param":"resume"})", R"({"cmd":"set","name":"movement","value":"rel"})",
+        R"({"cmd":"iso","param":)", R"([0,0,0,0,0,0,0,0])", R"({"cmd":"no_such_command","param":"1"})",
+    };
+    constexpr size_t kKindCount = sizeof kinds / sizeof kinds[0];
+    struct sockaddr_in daemon = Loopback(peers->command_port);
+    const double seconds = 1.0 + static_cast<double>(rounds * kKindCount) / 2000.0;
+    uint64_t before = ReadAllocationCount();
+    for (int round = 0; round < rounds; ++round) {
+        for (const char* kind : kinds) {
+            std::string datagram = std::string("!") + kind;
+            sendto(peers->app_fd, datagram.data(), datagram.size(), 0, reinterpret_cast<struct sockaddr*>(&daemon),
+                   sizeof daemon);
+        }
+        usleep(static_cast<useconds_t>(kKindCount * 500));   // 2000 commands a second
+        if (round % 20 == 0)
+            KeepCameraTalking(camera_fd, daemon_port);
+    }
+    auto wait = [&](double wait_seconds) {
+        for (int64_t end = NowNs() + static_cast<int64_t>(wait_seconds * 1e9); NowNs() < end;) {
+            KeepCameraTalking(camera_fd, daemon_port);
+            usleep(200000);
+        }
+    };
+    wait(seconds - static_cast<double>(rounds * kKindCount) / 2000.0);
+    uint64_t with_commands = ReadAllocationCount() - before;
+    before = ReadAllocationCount();
+    wait(seconds);
+    uint64_t idle = ReadAllocationCount() - before;
+    printf("JSON commands: %zu kinds (every command, malformed, not an object, unknown) x %d = %zu commands;\n"
+           "daemon heap allocations meanwhile: %llu, in the same %.1f s idle: %llu\n\n",
+           kKindCount, rounds, kKindCount * static_cast<size_t>(rounds), static_cast<unsigned long long>(with_commands),
+           seconds, static_cast<unsigned long long>(idle));
+    if (csv != nullptr)
+        fprintf(csv, "commands,%zu,%llu,%llu,0,0,0,0,0,0,0\n", kKindCount * static_cast<size_t>(rounds),
+                static_cast<unsigned long long>(with_commands), static_cast<unsigned long long>(idle));
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     double seconds = 1.0;
+    double light_seconds = 5.0;
     int repeat = 2;
     bool quick = false;
     bool series_wanted = true, load_wanted = true;
+    std::string csv_path, png_path;
     static const struct option options[] = {
         {"seconds", required_argument, nullptr, 's'},
+        {"light-seconds", required_argument, nullptr, 'L'},
         {"repeat", required_argument, nullptr, 'r'},
         {"quick", no_argument, nullptr, 'q'},
         {"load-only", no_argument, nullptr, 'l'},
         {"no-load", no_argument, nullptr, 'n'},
+        {"csv", required_argument, nullptr, 'c'},
+        {"png", required_argument, nullptr, 'p'},
         {nullptr, 0, nullptr, 0},
     };
     for (int option; (option = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
         if (option == 's' && atof(optarg) > 0)
             seconds = atof(optarg);
+        else if (option == 'L' && atof(optarg) > 0)
+            light_seconds = atof(optarg);
         else if (option == 'r' && atoi(optarg) > 0)
             repeat = atoi(optarg);
         else if (option == 'q')
@@ -618,12 +831,28 @@ int main(int argc, char** argv)
             series_wanted = false;
         else if (option == 'n')
             load_wanted = false;
+        else if (option == 'c')
+            csv_path = optarg;
+        else if (option == 'p')
+            png_path = optarg;
         else {
-            fputs("Usage: tarnwick-video-bench [--seconds=<per run>] [--repeat=<runs per step>] [--quick]"
-                  " [--load-only | --no-load]\n",
+            fputs("Usage: tarnwick-video-bench [--seconds=<per run>] [--light-seconds=<per light run>]"
+                  " [--repeat=<runs per step>] [--quick] [--load-only | --no-load] [--csv=<file>] [--png=<file>]\n",
                   stderr);
             return 1;
         }
+    }
+    if (!png_path.empty() && csv_path.empty())
+        csv_path = png_path + ".csv";
+    if (!csv_path.empty()) {
+        csv = fopen(csv_path.c_str(), "w");
+        if (csv == nullptr) {
+            perror(csv_path.c_str());
+            return 1;
+        }
+        fputs("section,payload_bytes,rate_asked,system,sent_per_s,delivered_per_s,loss_percent,cpu_s_per_100k,"
+              "cpu_us_per_datagram,p50_us,p99_us\n",
+              csv);
     }
     if (!EnterPrivateNamespaces()) {
         fputs("needs root: the daemon runs in private network and mount namespaces\n", stderr);
@@ -636,23 +865,41 @@ int main(int argc, char** argv)
         {1400, {20000, 50000, 100000, 150000, 200000, 250000, 300000}},
         {9000, {10000, 25000, 50000, 75000, 100000, 150000, 200000, 250000}},
     };
-    if (quick)
+    std::vector<double> light_rates = {1000, 3000, 10000};   // the camera's own rates, about 10 to 100 Mbit/s
+    if (quick) {
         for (Series& s : series)
             s.rates = {s.rates[0], s.rates[2], s.rates.back()};
+        light_seconds = std::min(light_seconds, 2.0);
+    }
 
     // The receiving process (daemon or baseline) gets a CPU of its own and
     // the sender and ack reader the other, so that a run measures the
     // receiver's path rather than how the scheduler shared two cores out.
     bool pinned = sysconf(_SC_NPROCESSORS_ONLN) >= 2 && PinToCpu(1);
 
-    // The baseline, forked before any thread starts.
-    int baseline_fd = OpenUdpSocket(0);
-    uint16_t baseline_port = LocalPort(baseline_fd);
-    uint8_t* baseline_ring = MapBaselineRing();
-    pid_t baseline = fork();
-    if (baseline == 0)
-        RunBaseline(baseline_fd, baseline_ring);
-    close(baseline_fd);
+    // The baselines, forked before any thread starts, each with its own ring.
+    int plain_fd = OpenUdpSocket(0);
+    uint16_t plain_port = LocalPort(plain_fd);
+    uint8_t* plain_ring = MapBaselineRing(kBaselineRingName);
+    pid_t plain = fork();
+    if (plain == 0)
+        RunBaseline(plain_fd, plain_ring);
+    close(plain_fd);
+    int batched_fd = OpenUdpSocket(0);
+    uint16_t batched_port = LocalPort(batched_fd);
+    uint8_t* batched_ring = MapBaselineRing(kBatchedRingName);
+    pid_t batched = fork();
+    if (batched == 0)
+        RunBatchedBaseline(batched_fd, batched_ring);
+    close(batched_fd);
+    auto stop_baselines = [&] {
+        kill(plain, SIGKILL);
+        kill(batched, SIGKILL);
+        waitpid(plain, nullptr, 0);
+        waitpid(batched, nullptr, 0);
+        shm_unlink(kBaselineRingName);
+        shm_unlink(kBatchedRingName);
+    };
 
     int camera_fd = OpenUdpSocket(0);
     uint16_t camera_port = LocalPort(camera_fd);
@@ -661,86 +908,142 @@ int main(int argc, char** argv)
     setenv("TARNWICK_MALLOC_COUNT_FILE", kMallocCountFile, 1);
     ChildProcess daemon;
     daemon.LimitOutput(1 << 20);   // the command flood logs every command
+    int64_t exec_at = NowNs();
     bool started = daemon.Start(DaemonPath(), {"--host", "127.0.0.1", "--port", std::to_string(camera_port)});
     unsetenv("LD_PRELOAD");
     unsetenv("TARNWICK_MALLOC_COUNT_FILE");
+    uint16_t daemon_port = started ? AwaitDaemon(camera_fd, 10000) : 0;
+    double startup_s = static_cast<double>(NowNs() - exec_at) / 1e9;
     if (pinned)
         PinToCpu(0);
-    uint16_t daemon_port = started ? AwaitDaemon(camera_fd, 10000) : 0;
     if (daemon_port == 0) {
         fprintf(stderr, "the daemon did not start:\n%s", daemon.Stderr().c_str());
-        kill(baseline, SIGKILL);
+        stop_baselines();
         return 1;
     }
 
-    // Warm-up: the first part clears the 60 MB ring; both rings get touched.
+    // Warm-up: the first part clears the 60 MB ring; every ring gets touched.
     static tarnwick::RingReader daemon_reader;
     const uint8_t* daemon_ring =
         tarnwick::RingReaderOpen(&daemon_reader) == 0 ? daemon_reader.region : nullptr;
     if (daemon_ring == nullptr) {
         fputs("cannot map the daemon's ring\n", stderr);
-        kill(baseline, SIGKILL);
+        stop_baselines();
         return 1;
     }
-    RunStep(camera_fd, daemon_port, daemon.pid(), daemon_ring, 1400, 20000, 0.5);
-    RunStep(camera_fd, baseline_port, baseline, baseline_ring, 1400, 20000, 0.5);
+    const System systems[kSystemCount] = {
+        {"daemon", daemon_port, daemon.pid(), daemon_ring},
+        {"plain", plain_port, plain, plain_ring},
+        {"batched", batched_port, batched, batched_ring},
+    };
+    for (const System& system : systems)
+        RunStep(camera_fd, system.port, system.pid, system.ring, 1400, 20000, 0.5);
+    // While a baseline runs the daemon hears nothing of the camera; more than
+    // 5 s of that (the light runs) would end it.
+    std::atomic<bool> finished{false};
+    std::thread camera_voice([&] {
+        while (!finished.load()) {
+            KeepCameraTalking(camera_fd, daemon_port);
+            usleep(500000);
+        }
+    });
+    // What each process costs with no video: the daemon's timers (status 5
+    // times a second, remote control 50, camera thread once); the light rows
+    // also show their cost per datagram net of it.
+    double idle_cpu_per_s[kSystemCount];
+    {
+        double before[kSystemCount];
+        for (int i = 0; i < kSystemCount; ++i)
+            before[i] = ProcessCpuSeconds(systems[i].pid);
+        sleep(3);
+        for (int i = 0; i < kSystemCount; ++i)
+            idle_cpu_per_s[i] = (ProcessCpuSeconds(systems[i].pid) - before[i]) / 3.0;
+    }
     uint64_t allocations_at_start = ReadAllocationCount();
     uint64_t datagrams_measured = 0;
     double run_start_s = static_cast<double>(NowNs()) / 1e9;
 
-    printf("Video path on loopback: best of %d runs of %.1f s per step, open-loop sender, 20-byte header%s\n",
-           repeat, seconds, pinned ? ";\nreceiver on CPU 1, sender and ack reader on CPU 0" : "");
-    printf("target = datagrams/s asked of the sender, sent = what it managed (the lower of the two runs);\n"
-           "delivered/s = parts that reached the ring per second of sending; loss = (sent - delivered) / sent;\n"
-           "CPU = receiving process, s per 100k datagrams; p50/p99 = send-to-ack latency, microseconds;\n"
-           "ratio = daemon / baseline delivered\n\n");
+    printf("Start-up: the first connect request %.3f s after exec (1 s of it the pause before connecting)\n",
+           startup_s);
+    printf("Idle (no video; the camera's data stream twice a second): daemon %.3f ms of CPU per second, plain %.3f,"
+           " batched %.3f\n\n",
+           idle_cpu_per_s[kDaemon] * 1e3, idle_cpu_per_s[kPlain] * 1e3, idle_cpu_per_s[kBatched] * 1e3);
+    if (csv != nullptr)
+        for (int i = 0; i < kSystemCount; ++i)
+            fprintf(csv, "idle,0,0,%s,0,0,0,0,%.3f,0,0\n", systems[i].name, idle_cpu_per_s[i] * 1e6);
+    if (csv != nullptr)
+        fprintf(csv, "startup,0,0,daemon,0,0,0,0,0,%.1f,%.1f\n", startup_s * 1e6, startup_s * 1e6);
+    printf("Video path on loopback: best of %d runs per step, open-loop sender, 20-byte header%s\n", repeat,
+           pinned ? ";\nreceiver on CPU 1, sender and ack reader on CPU 0" : "");
+    printf("systems: daemon; plain = bare loop (recvfrom, memcpy into a ring of the same geometry, sendto of the\n"
+           "34-byte ack); batched = the same with recvmmsg and one sendmmsg of the batch's acks\n"
+           "sent = what the sender managed; delivered/s = parts that reached the ring per second of sending;\n"
+           "loss = (sent - delivered) / sent; CPU = receiving process, s per 100k datagrams (us per datagram:\n"
+           "x10); p50/p99 = send-to-ack latency, microseconds\n\n");
     if (load_wanted) {
         LoadPeers peers;
         if (!SetUpLoad(&peers, camera_fd, daemon_port)) {
             fputs("the daemon's command port or remote-control record is missing\n", stderr);
         } else {
+            RunCommandKinds(&peers, camera_fd, daemon_port, quick ? 20 : 100);
             RunLoadComparison(camera_fd, daemon_port, &daemon, daemon_ring, &peers, 20000, quick ? 3 : 5,
                               quick ? 3 : 10);
         }
     }
+
+    if (series_wanted) {
+        printf("At the camera's rates: 1400-byte payloads, %.0f s per run, the run with the least CPU of %d kept\n",
+               light_seconds, repeat);
+        printf("   rate system   | CPU us/datagram  net of idle  share |   p50     p99 | vs plain: CPU   net   p99\n");
+        for (double rate : light_rates) {
+            StepResult r[kSystemCount];
+            for (int turn = 0; turn < repeat; ++turn)
+                for (int i = 0; i < kSystemCount; ++i) {
+                    StepResult t = RunStep(camera_fd, systems[i].port, systems[i].pid, systems[i].ring, 1400, rate,
+                                           light_seconds);
+                    if (i == kDaemon)
+                        datagrams_measured += t.delivered;
+                    if (turn == 0 || Better(t, r[i], true))
+                        r[i] = t;
+                }
+            double net[kSystemCount];
+            for (int i = 0; i < kSystemCount; ++i)
+                net[i] = r[i].cpu_per_100k * 10.0 - idle_cpu_per_s[i] * 1e6 / r[i].offered_per_s;
+            for (int i = 0; i < kSystemCount; ++i) {
+                printf("%7.0f %-8s | %15.2f %12.2f %5.1f%% | %5.0f %7.0f |     %9.2f %5.2f %5.2f\n", rate,
+                       systems[i].name, r[i].cpu_per_100k * 10.0, net[i], 100.0 * r[i].cpu_share, r[i].p50_us,
+                       r[i].p99_us, Ratio(r[i].cpu_per_100k, r[kPlain].cpu_per_100k), Ratio(net[i], net[kPlain]),
+                       Ratio(r[i].p99_us, r[kPlain].p99_us));
+                WriteCsvRow("light", 1400, rate, systems[i].name, r[i]);
+            }
+        }
+        printf("\n");
+    }
+
     for (const Series& s : series_wanted ? series : std::vector<Series>()) {
         printf("payload %zu bytes\n", s.payload);
-        printf("  target    sent |   daemon: delivered   loss    CPU    p50     p99 |"
-               " baseline: delivered  loss    CPU    p50     p99 | ratio\n");
-        double knee_daemon = 0, knee_baseline = 0, peak_daemon = 0, peak_baseline = 0;
-        std::vector<StepResult> daemon_rows;
+        printf(" target system        sent | delivered    loss    CPU    p50     p99 |"
+               " vs plain: deliv CPU p99 | vs batched: deliv\n");
+        double knee[kSystemCount] = {};
         for (double rate : s.rates) {
-            // Turn about, keeping each side's best run: on a shared machine
-            // other load only ever makes a run worse.
-            StepResult d, b;
-            for (int turn = 0; turn < repeat; ++turn) {
-                StepResult dt = RunStep(camera_fd, daemon_port, daemon.pid(), daemon_ring, s.payload, rate, seconds);
-                datagrams_measured += dt.delivered;
-                StepResult bt = RunStep(camera_fd, baseline_port, baseline, baseline_ring, s.payload, rate, seconds);
-                if (turn == 0 || dt.delivered > d.delivered)
-                    d = dt;
-                if (turn == 0 || bt.delivered > b.delivered)
-                    b = bt;
-            }
-            PrintRow(rate, d, b);
-            if (LossFraction(d) <= kKneeLoss)
-                knee_daemon = std::max(knee_daemon, rate);
-            if (LossFraction(b) <= kKneeLoss)
-                knee_baseline = std::max(knee_baseline, rate);
-            daemon_rows.push_back(d);
-            peak_daemon = std::max(peak_daemon, d.delivered_per_s);
-            peak_baseline = std::max(peak_baseline, b.delivered_per_s);
+            // Turn about, keeping each side's best run.
+            StepResult r[kSystemCount];
+            for (int turn = 0; turn < repeat; ++turn)
+                for (int i = 0; i < kSystemCount; ++i) {
+                    StepResult t = RunStep(camera_fd, systems[i].port, systems[i].pid, systems[i].ring, s.payload,
+                                           rate, seconds);
+                    if (i == kDaemon)
+                        datagrams_measured += t.delivered;
+                    if (turn == 0 || Better(t, r[i], false))
+                        r[i] = t;
+                }
+            PrintSeriesRows(s.payload, rate, systems, r);
+            for (int i = 0; i < kSystemCount; ++i)
+                if (LossFraction(r[i]) <= kKneeLoss)
+                    knee[i] = std::max(knee[i], rate);
         }
-        // The daemon's worst loss at the rates the baseline carries.
-        double worst = 0;
-        for (size_t i = 0; i < s.rates.size(); ++i)
-            if (s.rates[i] <= knee_baseline)
-                worst = std::max(worst, LossFraction(daemon_rows[i]));
-        printf("knee (highest rate with loss <= %.1f%%): daemon %.0f/s, baseline %.0f/s; "
-               "daemon's worst loss up to the baseline's knee: %.3f%%\n",
-               100 * kKneeLoss, knee_daemon, knee_baseline, 100 * worst);
-        printf("peak delivered: daemon %.0f/s, baseline %.0f/s, ratio %.2f\n\n", peak_daemon, peak_baseline,
-               peak_baseline > 0 ? peak_daemon / peak_baseline : NAN);
+        printf("knee (highest rate with loss <= %.1f%%): daemon %.0f/s, plain %.0f/s, batched %.0f/s\n\n",
+               100 * kKneeLoss, knee[kDaemon], knee[kPlain], knee[kBatched]);
     }
     double run_s = static_cast<double>(NowNs()) / 1e9 - run_start_s;
     uint64_t allocations_at_end = ReadAllocationCount();
@@ -758,8 +1061,19 @@ int main(int argc, char** argv)
                : 0.0,
            static_cast<unsigned long long>(allocations_idle));
 
-    kill(baseline, SIGKILL);
-    waitpid(baseline, nullptr, 0);
-    shm_unlink(kBaselineRingName);
+    finished.store(true);
+    camera_voice.join();
+    stop_baselines();
+    if (csv != nullptr)
+        fclose(csv);
+    if (!png_path.empty()) {
+        std::string command = "gnuplot -e \"csv='" + csv_path + "'; png='" + png_path + "'\" '" +
+                              TARNWICK_PLOT_SCRIPT + "'";
+        if (system(command.c_str()) != 0) {
+            fputs("gnuplot failed (scripts/setup.sh bench installs it); the figures are in the CSV\n", stderr);
+            return 1;
+        }
+        printf("figures drawn in %s (data in %s)\n", png_path.c_str(), csv_path.c_str());
+    }
     return 0;
 }

@@ -30,7 +30,7 @@ sources_of() {
     telemetry_report) echo src/state/telemetry_decoder.cpp src/state/report_texts.cpp ;;
     app_datagram) echo src/control/app_commands.cpp src/control/setting_commands.cpp src/control/camera_commands.cpp ;;
     parameter_set) echo src/video/h264parse.cpp ;;
-    video_ring) echo src/video/frame_buffer.cpp src/video/ring_follower.cpp ;;
+    video_ring) echo src/video/frame_buffer.cpp clients/cpp/src/ring_reader.cpp ;;
     remote_control) echo src/control/remote_control.cpp ;;
   esac
 }

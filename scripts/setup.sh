@@ -3,6 +3,7 @@
 #
 #   scripts/setup.sh              everything for the native builds and their tests
 #   scripts/setup.sh run          only what building the daemon and tools needs
+#   scripts/setup.sh bench        the native build's packages and gnuplot, which draws the benchmark's figures
 #   scripts/setup.sh cross ARCH   the cross compiler, ARCH's libraries and qemu-user (arm64, armhf)
 #
 # As root it installs directly; otherwise through sudo, and only when
@@ -23,6 +24,7 @@ packages=(
 
 case ${1:-all} in
   run) packages=(build-essential cmake pkg-config libcjson-dev libncurses-dev ffmpeg x264 iproute2) ;;
+  bench) packages+=(gnuplot-nox) ;;
   cross)
     arch=${2:?usage: scripts/setup.sh cross arm64|armhf}
     case $arch in

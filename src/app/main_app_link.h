@@ -4,10 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "control/app_commands.h"
 #include "net/udp_endpoint.h"
 #include "state/camera_state.h"
 
-constexpr uint16_t kAppCommandBufferSize = 10000;
 constexpr size_t kAppHostCapacity = 32;
 constexpr const char* kLocalNoticeHost = "127.0.0.1";
 

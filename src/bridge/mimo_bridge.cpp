@@ -120,7 +120,9 @@ void ForwardToPhone(const uint8_t* data, size_t length)
         return;
     struct sockaddr_in destination;
     UnpackPeerAddress(phone, &destination);
-    bridge_endpoint.SendTo(data, static_cast<uint16_t>(length), destination);
+    // Queued behind the batch: data is the camera's receive buffer, kept
+    // until the batch is handled.
+    bridge_endpoint.QueueTo(data, static_cast<uint16_t>(length), destination);
 }
 
 void OnPhoneDatagram(uint8_t* buffer, uint16_t length, const char*, uint16_t)

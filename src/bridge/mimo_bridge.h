@@ -58,6 +58,8 @@ int FormatNatRuleCommand(char* out, size_t capacity, const char* ap_iface, const
 bool IsMimoConnected();
 
 // Passes a camera datagram, unchanged, to the phone app when it is connected.
+// On the camera's receive thread the copy leaves after the batch is handled,
+// so data must stay unchanged until then (the receive buffer does).
 void ForwardToPhone(const uint8_t* data, size_t length);
 
 // bridge_endpoint's on_receive: the phone's datagram goes to the camera unchanged.

@@ -84,7 +84,7 @@ int CameraLinkInit(const char* host, int32_t port)
     endpoint.on_lost = OnCameraLost;
     endpoint.timeout_ms = kCameraSilenceLimitMs;
     endpoint.clear_before_receive = false;
-    endpoint.AttachBuffer(camera_link.receive_buffer, sizeof camera_link.receive_buffer);
+    endpoint.AttachBuffers(&camera_link.receive_buffers[0][0], kCameraReceiveBufferSize, kCameraReceiveBatch);
     if (pthread_create(&camera_link.thread, nullptr, CameraThread, nullptr) != 0)
         return -1;
     return 0;
@@ -131,7 +131,8 @@ void SendVideoAck()
     uint8_t ack[kAckDatagramSize];
     ReserveTxSequence();   // an ack carries no number but advances it
     BuildAckDatagram(ack, rx_sequence.load());
-    SendToCamera(ack, sizeof ack);
+    if (camera_link.address_valid.load(std::memory_order_acquire))
+        camera_link.endpoint.QueueTo(ack, sizeof ack, camera_link.address);
 }
 
 void OnCameraDatagram(uint8_t* buffer, uint16_t length, const char*, uint16_t)

@@ -12,6 +12,9 @@
 constexpr uint32_t kCameraSilenceLimitMs = 5000;
 constexpr uint32_t kCameraThreadPeriodMs = 1000;
 constexpr uint16_t kCameraReceiveBufferSize = 10000;
+// Datagrams one receive takes at most: at the camera's thousands a second a
+// wake-up usually finds one or two, at bursts up to this many.
+constexpr uint16_t kCameraReceiveBatch = 16;
 constexpr size_t kCameraHostCapacity = 32;
 
 // The connection with the camera: one process-wide record.
@@ -31,7 +34,7 @@ struct CameraLink {
     // there; false: not yet, or port 0, host empty or not dotted IPv4.
     std::atomic<bool> address_valid{false};
     pthread_t thread{};
-    uint8_t receive_buffer[kCameraReceiveBufferSize] = {};
+    uint8_t receive_buffers[kCameraReceiveBatch][kCameraReceiveBufferSize] = {};
 };
 extern CameraLink camera_link;
 
@@ -95,7 +98,8 @@ void SendCameraPacket(uint8_t* frame, size_t length);
 void SendKeepAlive();
 
 // Acknowledges a video datagram with the current rx_sequence (unless the phone
-// app is connected, see the caller).
+// app is connected, see the caller). On the receive thread the ack leaves with
+// the others of its batch, right after the batch is handled.
 void SendVideoAck();
 
 // The camera endpoint's on_receive.

@@ -2,6 +2,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -49,6 +50,40 @@ struct CommandRow {
     uint8_t required;
     CommandAction action;
 };
+
+// The parse arena: a bump allocator that cJSON allocates from, emptied before
+// each parse; freeing is a no-op. Used only by command_endpoint's receive
+// thread, the one user of cJSON in the process.
+constexpr size_t kArenaAlignment = alignof(std::max_align_t);
+alignas(kArenaAlignment) uint8_t parse_arena[kJsonParseArenaSize];
+size_t parse_arena_used = 0;
+
+void* ArenaAllocate(size_t size)
+{
+    size_t rounded = (size + kArenaAlignment - 1) & ~(kArenaAlignment - 1);
+    if (rounded < size || rounded > sizeof parse_arena - parse_arena_used)
+        return nullptr;   // cJSON gives up the parse cleanly
+    void* block = parse_arena + parse_arena_used;
+    parse_arena_used += rounded;
+    return block;
+}
+
+void ArenaFree(void*)
+{
+}
+
+// cJSON parsed in the arena: hooks set once, the arena emptied first.
+cJSON* ParseInArena(const char* text)
+{
+    static const bool hooks_set = [] {
+        cJSON_Hooks hooks = {ArenaAllocate, ArenaFree};
+        cJSON_InitHooks(&hooks);
+        return true;
+    }();
+    (void)hooks_set;
+    parse_arena_used = 0;
+    return cJSON_Parse(text);
+}
 
 int IntOf(const char* text)
 {
@@ -173,7 +208,7 @@ void SetMovementMode(const AppCommand& command)
 
 void HandleJsonCommand(const char* text)
 {
-    cJSON* tree = cJSON_Parse(text);
+    cJSON* tree = ParseInArena(text);
     if (tree == nullptr) {
         fprintf(stderr, "Malformed JSON command from app: %s\n", text);
         return;
@@ -196,7 +231,7 @@ void HandleJsonCommand(const char* text)
                 row.action(command);
         }
     }
-    cJSON_Delete(tree);
+    // No cJSON_Delete: the tree lives in the arena, which the next parse empties.
 }
 
 }  // namespace

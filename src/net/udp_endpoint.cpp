@@ -36,6 +36,82 @@ void SetSocketBuffer(int socket, int option, int force_option)
         fprintf(stderr, "UDP receive buffer is %d bytes, %d asked: raise net.core.rmem_max\n", obtained, size);
 }
 
+[[noreturn]] void FailReceive()
+{
+    fputs("UDP read failed\n", stderr);
+    ServiceExit(3);
+}
+
+// Sends that a batched receive thread's callbacks make, held until the batch
+// is handled. Each datagram keeps its endpoint (socket and drop count).
+struct QueuedSend {
+    UdpEndpoint* endpoint;
+    const void* data;   // copy, or the caller's bytes when longer than copy
+    uint16_t length;
+    struct sockaddr_in destination;
+    uint8_t copy[kUdpQueuedCopyBytes];
+};
+struct SendQueue {
+    // An ack and a forwarded copy per datagram at most, in this system.
+    QueuedSend entries[2 * kUdpReceiveBatchLimit];
+    size_t count;
+};
+// Set on a receive thread that receives in batches, for its whole life.
+thread_local SendQueue* batch_send_queue = nullptr;
+
+// Counts a send the socket could not take now; the first of an endpoint is said.
+void NoteSendFailure(UdpEndpoint* endpoint, int error)
+{
+    if ((error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS) &&
+        endpoint->send_drops.fetch_add(1, std::memory_order_relaxed) == 0)
+        fprintf(stderr, "UDP send dropped: socket buffer full (port %u)\n",
+                static_cast<unsigned>(endpoint->LocalPort()));
+}
+
+// Sends the queue in order, one sendmmsg per run of datagrams from one socket.
+// A datagram the socket refuses is dropped as SendTo drops it, and the rest
+// still go.
+void FlushQueuedSends(SendQueue* queue)
+{
+    struct mmsghdr messages[2 * kUdpReceiveBatchLimit];
+    struct iovec vectors[2 * kUdpReceiveBatchLimit];
+    size_t start = 0;
+    while (start < queue->count) {
+        UdpEndpoint* endpoint = queue->entries[start].endpoint;
+        size_t end = start;
+        unsigned run = 0;
+        for (; end < queue->count && queue->entries[end].endpoint == endpoint; ++end, ++run) {
+            QueuedSend& entry = queue->entries[end];
+            vectors[run].iov_base = const_cast<void*>(entry.data);
+            vectors[run].iov_len = entry.length;
+            memset(&messages[run], 0, sizeof messages[run]);
+            messages[run].msg_hdr.msg_name = &entry.destination;
+            messages[run].msg_hdr.msg_namelen = sizeof entry.destination;
+            messages[run].msg_hdr.msg_iov = &vectors[run];
+            messages[run].msg_hdr.msg_iovlen = 1;
+        }
+        if (run == 1) {   // one datagram: the plain call costs less
+            if (sendto(endpoint->socket, vectors[0].iov_base, vectors[0].iov_len, MSG_DONTWAIT,
+                       static_cast<const struct sockaddr*>(messages[0].msg_hdr.msg_name),
+                       messages[0].msg_hdr.msg_namelen) < 0)
+                NoteSendFailure(endpoint, errno);
+            start = end;
+            continue;
+        }
+        for (unsigned sent = 0; sent < run;) {
+            int done = sendmmsg(endpoint->socket, messages + sent, run - sent, MSG_DONTWAIT);
+            if (done > 0) {
+                sent += static_cast<unsigned>(done);
+            } else {
+                NoteSendFailure(endpoint, errno);
+                sent += 1;   // that one is dropped
+            }
+        }
+        start = end;
+    }
+    queue->count = 0;
+}
+
 void* ReceiveThreadMain(void* endpoint)
 {
     static_cast<UdpEndpoint*>(endpoint)->RunReceiveLoop();
@@ -78,19 +154,26 @@ int UdpEndpoint::Open(uint16_t port)
 
 void UdpEndpoint::AttachBuffer(uint8_t* storage, uint16_t size)
 {
+    AttachBuffers(storage, size, 1);
+}
+
+void UdpEndpoint::AttachBuffers(uint8_t* storage, uint16_t size, uint16_t count)
+{
     buffer_size = size;
+    buffer_count = count < 1 ? 1 : count > kUdpReceiveBatchLimit ? kUdpReceiveBatchLimit : count;
     buffer.store(storage, std::memory_order_release);
 }
 
 void UdpEndpoint::RunReceiveLoop()
 {
-    char source_ip_text[kPeerIpCapacity] = {};
     for (;;) {
         uint8_t* storage = buffer.load(std::memory_order_acquire);
         if (storage == nullptr) {
             SleepMs(10);
             continue;
         }
+        if (buffer_count > 1)
+            RunBatchedReceiveLoop(storage);
         size_t capacity = buffer_size;
         if (clear_before_receive) {
             memset(storage, 0, buffer_size);
@@ -103,34 +186,88 @@ void UdpEndpoint::RunReceiveLoop()
         socklen_t source_length = sizeof source;
         ssize_t received = recvfrom(socket, storage, capacity, 0,
                                     reinterpret_cast<struct sockaddr*>(&source), &source_length);
-        if (received <= 0) {
-            fputs("UDP read failed\n", stderr);
-            ServiceExit(3);
-        }
-
-        static_assert(kPeerIpCapacity >= INET_ADDRSTRLEN, "peer_ip holds a dotted IPv4 address");
-        if (source.sin_addr.s_addr != last_source.sin_addr.s_addr || source_ip_text[0] == '\0') {
-            inet_ntop(AF_INET, &source.sin_addr, source_ip_text, sizeof source_ip_text);
-            last_source = source;
-        }
-        uint16_t source_port = ntohs(source.sin_port);
-        bool found;
-        {
-            std::lock_guard<std::mutex> lock(peer_lock);
-            memcpy(peer_ip, source_ip_text, sizeof peer_ip);
-            peer_port = source_port;
-            found = last_receive_ms == 0;
-            uint32_t now = NowMs();
-            last_receive_ms = now != 0 ? now : 1;  // 0 is reserved for "no live peer"
-            peer_address.store(PackPeerAddress(source), std::memory_order_release);
-        }
-        if (found && on_found != nullptr) {
-            std::lock_guard<std::mutex> events(event_lock);
-            on_found();
-        }
-        if (on_receive != nullptr)
-            on_receive(storage, static_cast<uint16_t>(received), source_ip_text, source_port);
+        if (received <= 0)
+            FailReceive();
+        HandOn(storage, received, source);
     }
+}
+
+void UdpEndpoint::RunBatchedReceiveLoop(uint8_t* storage)
+{
+    size_t capacity = buffer_size;
+    if (clear_before_receive && capacity > 0)
+        capacity -= 1;   // a zero byte after each datagram, as with one buffer
+    struct mmsghdr messages[kUdpReceiveBatchLimit];
+    struct iovec vectors[kUdpReceiveBatchLimit];
+    struct sockaddr_in sources[kUdpReceiveBatchLimit];
+    memset(messages, 0, sizeof messages);
+    for (uint16_t i = 0; i < buffer_count; ++i) {
+        vectors[i].iov_base = storage + static_cast<size_t>(i) * buffer_size;
+        vectors[i].iov_len = capacity;
+        messages[i].msg_hdr.msg_name = &sources[i];
+        messages[i].msg_hdr.msg_iov = &vectors[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    SendQueue queue;
+    queue.count = 0;
+    batch_send_queue = &queue;
+    unsigned used = buffer_count;   // buffers written by the last receive
+    constexpr unsigned kProbeInterval = 8;
+    unsigned singles_since_probe = 0;
+    for (;;) {
+        if (clear_before_receive)
+            memset(storage, 0, static_cast<size_t>(used) * buffer_size);
+        // While datagrams come one at a time, a receive of one spares the
+        // kernel the look for a second that is not there; every
+        // kProbeInterval-th receive looks again, and a batch that finds more
+        // than one keeps the full batches going.
+        unsigned want = used > 1 || ++singles_since_probe >= kProbeInterval ? buffer_count : 1;
+        if (want > 1)
+            singles_since_probe = 0;
+        for (unsigned i = 0; i < want; ++i)
+            messages[i].msg_hdr.msg_namelen = sizeof sources[i];
+        // Blocks for the first datagram only, then takes what is queued.
+        int received = recvmmsg(socket, messages, want, MSG_WAITFORONE, nullptr);
+        if (received <= 0)
+            FailReceive();
+        used = static_cast<unsigned>(received);
+        for (unsigned i = 0; i < used; ++i) {
+            // A datagram longer than the buffer arrives cut to it (msg_len is
+            // what was stored), as a single receive cuts it.
+            if (messages[i].msg_len == 0) {
+                FlushQueuedSends(&queue);
+                FailReceive();
+            }
+            HandOn(static_cast<uint8_t*>(vectors[i].iov_base), messages[i].msg_len, sources[i]);
+        }
+        FlushQueuedSends(&queue);
+    }
+}
+
+void UdpEndpoint::HandOn(uint8_t* storage, ssize_t received, const struct sockaddr_in& source)
+{
+    static_assert(kPeerIpCapacity >= INET_ADDRSTRLEN, "peer_ip holds a dotted IPv4 address");
+    if (source.sin_addr.s_addr != last_source.sin_addr.s_addr || last_source_text[0] == '\0') {
+        inet_ntop(AF_INET, &source.sin_addr, last_source_text, sizeof last_source_text);
+        last_source = source;
+    }
+    uint16_t source_port = ntohs(source.sin_port);
+    bool found;
+    {
+        std::lock_guard<std::mutex> lock(peer_lock);
+        memcpy(peer_ip, last_source_text, sizeof peer_ip);
+        peer_port = source_port;
+        found = last_receive_ms == 0;
+        uint32_t now = NowMs();
+        last_receive_ms = now != 0 ? now : 1;  // 0 is reserved for "no live peer"
+        peer_address.store(PackPeerAddress(source), std::memory_order_release);
+    }
+    if (found && on_found != nullptr) {
+        std::lock_guard<std::mutex> events(event_lock);
+        on_found();
+    }
+    if (on_receive != nullptr)
+        on_receive(storage, static_cast<uint16_t>(received), last_source_text, source_port);
 }
 
 void UdpEndpoint::CheckPeerTimeout()
@@ -190,10 +327,29 @@ int UdpEndpoint::SendTo(const void* data, uint16_t length, const struct sockaddr
 {
     ssize_t sent = sendto(socket, data, length, MSG_DONTWAIT, reinterpret_cast<const struct sockaddr*>(&destination),
                           sizeof destination);
-    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS) &&
-        send_drops.fetch_add(1, std::memory_order_relaxed) == 0)
-        fprintf(stderr, "UDP send dropped: socket buffer full (port %u)\n", static_cast<unsigned>(LocalPort()));
+    if (sent < 0)
+        NoteSendFailure(this, errno);
     return sent < 0 ? -1 : static_cast<int>(sent);
+}
+
+int UdpEndpoint::QueueTo(const void* data, uint16_t length, const struct sockaddr_in& destination)
+{
+    SendQueue* queue = batch_send_queue;
+    if (queue == nullptr)
+        return SendTo(data, length, destination);
+    if (queue->count == sizeof queue->entries / sizeof queue->entries[0])
+        FlushQueuedSends(queue);
+    QueuedSend& entry = queue->entries[queue->count++];
+    entry.endpoint = this;
+    entry.length = length;
+    entry.destination = destination;
+    if (length <= sizeof entry.copy) {
+        memcpy(entry.copy, data, length);
+        entry.data = entry.copy;
+    } else {
+        entry.data = data;
+    }
+    return length;
 }
 
 uint16_t UdpEndpoint::GetPeer(char ip_out[kPeerIpCapacity])

@@ -1,6 +1,7 @@
 #pragma once
 #include <netinet/in.h>
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -33,6 +34,15 @@
 // Sends never block: a datagram that the socket's buffer cannot take now is
 // dropped and counted in send_drops (the network may drop it anyway), and the
 // first drop of an endpoint is said once on standard error.
+//
+// Batched receive (AttachBuffers with more than one buffer; the camera's
+// video path): one recvmmsg takes what is queued in the socket, up to one
+// datagram per buffer, blocking only for the first (MSG_WAITFORONE: a batch
+// is never waited for). Each datagram then goes through peer tracking and
+// on_receive in arrival order, in its own buffer, exactly as a single receive
+// would hand it on. Datagrams that callbacks send with QueueTo while a batch
+// is handled leave together in one sendmmsg per socket after it, before the
+// thread blocks again; so no reply waits longer than its batch's handling.
 using UdpReceiveCallback = void (*)(uint8_t* buffer, uint16_t length, const char* peer_ip,
                                     uint16_t peer_port);
 using UdpEventCallback = void (*)();
@@ -40,6 +50,10 @@ using UdpEventCallback = void (*)();
 constexpr int kUdpSocketBufferBytes = 10000000;   // both directions; raised past net.core.rmem_max when root
 constexpr uint32_t kUdpDefaultTimeoutMs = 1000;
 constexpr int kPeerIpCapacity = 16;  // dotted IPv4, 15 characters and a terminator
+constexpr uint16_t kUdpReceiveBatchLimit = 32;   // buffers one batched receive fills at most
+// Queued datagrams up to this size are copied; longer ones are referenced and
+// must stay unchanged until the batch is handled (a receive buffer does).
+constexpr uint16_t kUdpQueuedCopyBytes = 64;
 
 struct UdpEndpoint {
     UdpReceiveCallback on_receive = nullptr;
@@ -51,6 +65,7 @@ struct UdpEndpoint {
     uint16_t peer_port = 0;               // guarded by peer_lock
     std::atomic<uint8_t*> buffer{nullptr};
     uint16_t buffer_size = 0;
+    uint16_t buffer_count = 1;            // buffers of buffer_size each, back to back
     pthread_t thread{};
     int socket = -1;
     uint32_t last_receive_ms = 0;         // guarded by peer_lock; 0: no live peer
@@ -61,14 +76,22 @@ struct UdpEndpoint {
     // The source of the last datagram as the socket gave it, so that peer_ip
     // is formatted only when the sender changes (receive thread only).
     struct sockaddr_in last_source{};
+    char last_source_text[kPeerIpCapacity] = {};   // last_source formatted (receive thread only)
 
     // Creates, configures and binds the socket and starts the receive thread.
     // Returns 0, or -1 when the socket cannot be created or bound.
     int Open(uint16_t port);
     // Publishes the owner's buffer; the receive thread starts receiving.
     void AttachBuffer(uint8_t* storage, uint16_t size);
+    // The same with `count` buffers of `size` bytes back to back in storage
+    // (1 to kUdpReceiveBatchLimit); more than one receives in batches.
+    void AttachBuffers(uint8_t* storage, uint16_t size, uint16_t count);
     // The receive thread's body; never returns.
     void RunReceiveLoop();
+    // Peer tracking and on_receive for one received datagram.
+    void HandOn(uint8_t* storage, ssize_t received, const struct sockaddr_in& source);
+    // The receive loop over buffer_count buffers; never returns.
+    void RunBatchedReceiveLoop(uint8_t* storage);
     // Declares the peer lost after more than timeout_ms of silence.
     void CheckPeerTimeout();
     // One datagram from this socket to host:port (dotted IPv4 only).
@@ -76,6 +99,11 @@ struct UdpEndpoint {
     int SendTo(const void* data, uint16_t length, const char* host, uint16_t port);
     // The same to an address already converted (hot paths convert it once).
     int SendTo(const void* data, uint16_t length, const struct sockaddr_in& destination);
+    // On a receive thread handling a batch: queues the datagram for the
+    // sendmmsg after the batch (see above) and returns length. Anywhere else
+    // the same as SendTo. Data longer than kUdpQueuedCopyBytes must stay
+    // unchanged until the batch is handled.
+    int QueueTo(const void* data, uint16_t length, const struct sockaddr_in& destination);
     // A consistent copy of the peer's address; returns the port (0: no peer).
     uint16_t GetPeer(char ip_out[kPeerIpCapacity]);
     // The local port the socket is bound to, or 0 when not open.

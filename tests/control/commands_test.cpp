@@ -201,4 +201,35 @@ TEST(AppCommands, MovementModeAndZoomRate)
     }
 }
 
+// The longest datagram command_endpoint hands over is "!" and 9998 bytes of
+// text. Its parse fits the fixed arena even when every other byte is a new
+// JSON value, the densest text there is, and again for the next command.
+TEST_F(Commands, LongestCommandsParseInTheFixedArena)
+{
+    static uint8_t buffer[10000];
+    auto deliver = [](const std::string& text) {
+        memset(buffer, 0, sizeof buffer);
+        memcpy(buffer, ("!" + text).data(), text.size() + 1);
+        HandleAppDatagram(buffer, static_cast<uint16_t>(text.size() + 1), "127.0.0.1", 5000);
+    };
+    auto dense = [](const std::string& before, const std::string& after) {
+        std::string text = before + "[0";
+        while (text.size() + 2 + 1 + after.size() <= 9998)
+            text += ",0";
+        return text + std::string(9998 - text.size() - 1 - after.size(), ' ') + "]" + after;
+    };
+    const std::string command = dense(R"({"cmd":"iso","param":"400","pad":)", "}");
+    const std::string numbers = dense("", "");
+    ASSERT_EQ(command.size(), 9998u);
+    ASSERT_EQ(numbers.size(), 9998u);
+    for (int round = 0; round < 2; ++round) {
+        std::string log;
+        EXPECT_EQ(Run([&] { deliver(command); }, &log).size(), 1u);
+        EXPECT_EQ(log.find("Malformed"), std::string::npos);
+        Run([&] { deliver(numbers); }, &log);
+        EXPECT_EQ(log.find("Malformed"), std::string::npos);
+        EXPECT_EQ(log.rfind("JSON commands from app: [0,0,", 0), 0u);
+    }
+}
+
 }  // namespace

@@ -1,6 +1,11 @@
 // The endpoint's receive loop, peer tracking and send path on real loopback sockets.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -144,6 +149,76 @@ TEST_F(UdpEndpointTest, SendToUsesTheEndpointPortAndRefusesNonDottedHosts)
     EXPECT_EQ(endpoint.SendTo("x", 1, "", peer.port()), -1);
     EXPECT_EQ(endpoint.SendTo("x", 1, nullptr, peer.port()), -1);
     EXPECT_TRUE(peer.Receive(100).empty());
+}
+
+// The batched receive: what a callback saw, in order, and whether any reply
+// had reached the peer while the batch was still being handled.
+constexpr uint16_t kBatchBufferSize = 100;
+std::mutex batch_lock;
+std::vector<std::string> batch_seen;     // guarded by batch_lock
+UdpEndpoint batch_endpoint;
+int reply_fd = -1;                       // where the replies go
+struct sockaddr_in reply_address;
+std::atomic<bool> reply_arrived_during_batch{false};
+
+void OnBatchDatagram(uint8_t* buffer, uint16_t length, const char*, uint16_t)
+{
+    {
+        std::lock_guard<std::mutex> lock(batch_lock);
+        batch_seen.emplace_back(reinterpret_cast<char*>(buffer), length);
+    }
+    char probe;
+    if (receive_count < 4 && recv(reply_fd, &probe, 1, MSG_PEEK | MSG_DONTWAIT) >= 0)
+        reply_arrived_during_batch = true;
+    // The reply: "ack" and the datagram's first byte.
+    uint8_t reply[4] = {'a', 'c', 'k', buffer[0]};
+    batch_endpoint.QueueTo(reply, sizeof reply, reply_address);
+    ++receive_count;
+}
+
+TEST_F(UdpEndpointTest, QueuedDatagramsAreHandledInOrderInOneBatchWithRepliesAfterIt)
+{
+    static uint8_t buffers[4][kBatchBufferSize];
+    ASSERT_EQ(batch_endpoint.Open(0), 0);
+    batch_endpoint.on_receive = OnBatchDatagram;
+    UdpPeer peer;
+    reply_fd = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(reply_fd, 0);
+    MakeUdpAddress("127.0.0.1", 0, &reply_address);
+    socklen_t address_length = sizeof reply_address;
+    ASSERT_EQ(bind(reply_fd, reinterpret_cast<struct sockaddr*>(&reply_address), sizeof reply_address), 0);
+    ASSERT_EQ(getsockname(reply_fd, reinterpret_cast<struct sockaddr*>(&reply_address), &address_length), 0);
+    // Six datagrams wait in the socket before the buffers are attached: the
+    // first receive takes four, the next two. The third is longer than a
+    // buffer and arrives cut to it, the others whole in their own buffers.
+    std::string oversized = "C" + std::string(kBatchBufferSize + 49, 'c');
+    std::vector<std::string> sent = {"A1", "B22", oversized, "D4444", "E", "F666666"};
+    for (const std::string& datagram : sent)
+        peer.SendTo(batch_endpoint.LocalPort(), datagram.data(), datagram.size());
+    SleepMs(50);
+    batch_endpoint.AttachBuffers(&buffers[0][0], kBatchBufferSize, 4);
+    ASSERT_TRUE(WaitFor(receive_count, 6));
+    {
+        std::lock_guard<std::mutex> lock(batch_lock);
+        ASSERT_EQ(batch_seen.size(), 6u);
+        for (size_t i = 0; i < sent.size(); ++i)
+            EXPECT_EQ(batch_seen[i], sent[i].substr(0, kBatchBufferSize)) << "datagram " << i;
+    }
+    // Replies leave after their batch: none had arrived while the first four were handled.
+    EXPECT_FALSE(reply_arrived_during_batch.load());
+    // One reply per datagram, in the order of the datagrams, from the endpoint's port.
+    struct timeval timeout = {2, 0};
+    setsockopt(reply_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    for (const std::string& datagram : sent) {
+        char reply[16] = {};
+        struct sockaddr_in from;
+        socklen_t from_length = sizeof from;
+        ssize_t length = recvfrom(reply_fd, reply, sizeof reply, 0, reinterpret_cast<struct sockaddr*>(&from), &from_length);
+        EXPECT_EQ(std::string(reply, length > 0 ? static_cast<size_t>(length) : 0), std::string("ack") + datagram[0]);
+        EXPECT_EQ(ntohs(from.sin_port), batch_endpoint.LocalPort());
+    }
+    EXPECT_LT(recv(reply_fd, &timeout, 1, MSG_DONTWAIT), 0);
+    close(reply_fd);
 }
 
 TEST(Clock, NowMsFollowsTheWallClockInMilliseconds)

@@ -2,6 +2,10 @@
 // acknowledgements, the found / lost / time-out exits, and hostile input.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstring>
 
@@ -103,6 +107,56 @@ TEST_F(CameraLinkTest, EveryVideoDatagramIsAcknowledgedWithTheCameraSequence)
     WriteLe16(bare.data() + kReceivedSequenceOffset, 0x0777);
     camera.SendRaw(bare);
     EXPECT_EQ(camera.Await(kAckDatagramSize, 2000), Ack(0x0777));
+}
+
+// The acknowledgement of the camera's sequence number R, byte by byte.
+Bytes HandWrittenAck(uint16_t r)
+{
+    uint8_t lo = static_cast<uint8_t>(r), hi = static_cast<uint8_t>(r >> 8);
+    return {0x22, 0x80, 0x27, 0x90, 0x00, 0x00, 0x04, 0x11, lo,   hi,   lo,   hi,   0x00, 0x00, 0x00, 0x00, 0x38,
+            0x81, 0x38, 0x81, 0x00, 0x00, 0x00, 0x00, 0x38, 0x81, 0x40, 0x81, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+}
+
+TEST_F(CameraLinkTest, BurstIsAcknowledgedDatagramByDatagramAndRingedInOrder)
+{
+    StartConnected();
+    // Sent back to back, so that the receive thread finds several waiting at
+    // once; one in the middle is longer than the 10000-byte receive buffer.
+    constexpr int kBurst = 60;
+    constexpr int kOversized = 25;
+    std::vector<Bytes> payloads;
+    for (int i = 0; i < kBurst; ++i)
+        payloads.push_back(Bytes(i == kOversized ? 12000 : 200 + 37 * i, static_cast<uint8_t>(0x80 + i)));
+    for (int i = 0; i < kBurst; ++i)
+        camera.Send(kTransportLiveVideo, static_cast<uint16_t>(0x2300 + i), payloads[i]);
+    for (int i = 0; i < kBurst; ++i)
+        ASSERT_EQ(camera.Await(kAckDatagramSize, 2000), HandWrittenAck(static_cast<uint16_t>(0x2300 + i)))
+            << "datagram " << i;
+
+    // The ring: 24-byte header (last part at 2, next slot at 4), then slots
+    // of 18 + 300000 bytes, each with its length (32 bits) first and the
+    // payload from byte 18. The cut datagram keeps 10000 - 20 payload bytes.
+    int fd = shm_open("/tarnwickrelay_framebuffer", O_RDONLY, 0);
+    ASSERT_GE(fd, 0);
+    constexpr size_t kSlotBytes = 18 + 300000;
+    size_t size = 24 + kBurst * kSlotBytes;
+    void* mapping = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    ASSERT_NE(mapping, MAP_FAILED);
+    const uint8_t* ring = static_cast<const uint8_t*>(mapping);
+    for (int waited = 0; waited < 2000 && (ring[4] | ring[5] << 8) != kBurst; waited += 10)
+        usleep(10000);
+    EXPECT_EQ(ring[4] | ring[5] << 8, kBurst);
+    EXPECT_EQ(ring[2] | ring[3] << 8, kBurst - 1);
+    for (int i = 0; i < kBurst; ++i) {
+        const uint8_t* slot = ring + 24 + i * kSlotBytes;
+        size_t expected = i == kOversized ? 10000 - 20 : payloads[i].size();
+        uint32_t length = slot[0] | slot[1] << 8 | slot[2] << 16 | static_cast<uint32_t>(slot[3]) << 24;
+        ASSERT_EQ(length, expected) << "slot " << i;
+        EXPECT_EQ(Bytes(slot + 18, slot + 18 + length), Bytes(expected, static_cast<uint8_t>(0x80 + i)))
+            << "slot " << i;
+    }
+    munmap(mapping, size);
 }
 
 TEST_F(CameraLinkTest, CameraThatNeverAnswersEndsWithExitTwo)
