@@ -878,20 +878,20 @@ int main(int argc, char** argv)
     bool pinned = sysconf(_SC_NPROCESSORS_ONLN) >= 2 && PinToCpu(1);
 
     // The baselines, forked before any thread starts, each with its own ring.
-    int plain_fd = OpenUdpSocket(0);
-    uint16_t plain_port = LocalPort(plain_fd);
-    uint8_t* plain_ring = MapBaselineRing(kBaselineRingName);
-    pid_t plain = fork();
-    if (plain == 0)
-        RunBaseline(plain_fd, plain_ring);
-    close(plain_fd);
-    int batched_fd = OpenUdpSocket(0);
-    uint16_t batched_port = LocalPort(batched_fd);
-    uint8_t* batched_ring = MapBaselineRing(kBatchedRingName);
-    pid_t batched = fork();
-    if (batched == 0)
-        RunBatchedBaseline(batched_fd, batched_ring);
-    close(batched_fd);
+    auto start_baseline = [](const char* ring_name, void (*run)(int, uint8_t*), uint16_t* port, uint8_t** ring) {
+        int fd = OpenUdpSocket(0);
+        *port = LocalPort(fd);
+        *ring = MapBaselineRing(ring_name);
+        pid_t pid = fork();
+        if (pid == 0)
+            run(fd, *ring);
+        close(fd);
+        return pid;
+    };
+    uint16_t plain_port = 0, batched_port = 0;
+    uint8_t *plain_ring = nullptr, *batched_ring = nullptr;
+    pid_t plain = start_baseline(kBaselineRingName, RunBaseline, &plain_port, &plain_ring);
+    pid_t batched = start_baseline(kBatchedRingName, RunBatchedBaseline, &batched_port, &batched_ring);
     auto stop_baselines = [&] {
         kill(plain, SIGKILL);
         kill(batched, SIGKILL);
