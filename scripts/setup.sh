@@ -33,7 +33,7 @@ case ${1:-all} in
       *) echo "usage: scripts/setup.sh cross arm64|armhf" >&2; exit 2 ;;
     esac
     # libstdc++6:ARCH: the package's dependencies are computed against the board's own runtime.
-    packages=(g++-$triple libcjson-dev:$arch libncurses-dev:$arch libgtest-dev:$arch libgmock-dev:$arch libstdc++6:$arch qemu-user dpkg-dev)
+    packages=(g++-$triple libcjson-dev:$arch libncursesw6:$arch libtinfo6:$arch libgtest-dev:$arch libgmock-dev:$arch libstdc++6:$arch qemu-user dpkg-dev)
     ;;
 esac
 
