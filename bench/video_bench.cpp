@@ -211,6 +211,18 @@ uint8_t* MapBaselineRing(const char* name)
     return static_cast<uint8_t*>(mapping);
 }
 
+// A baseline's ring write, as the daemon's writer does it: data, slot
+// header, next_slot, then last_part.
+inline void BaselineQueuePart(uint8_t* ring, uint32_t* slot, uint16_t* part, const uint8_t* payload, uint32_t length)
+{
+    uint8_t* slot_bytes = RingSlot(ring, *slot);
+    memcpy(slot_bytes + kSlotDataOffset, payload, length);
+    RingWriteSlotHeader(slot_bytes, length, *part, 0);
+    *slot = RingNextSlot(*slot);
+    RingStoreField(ring, kRingNextSlotOffset, static_cast<uint16_t>(*slot));
+    RingStoreField(ring, kRingLastPartOffset, (*part)++);
+}
+
 [[noreturn]] void RunBaseline(int fd, uint8_t* ring)
 {
     static uint8_t datagram[kMaxDatagram];
@@ -224,13 +236,8 @@ uint8_t* MapBaselineRing(const char* name)
             recvfrom(fd, datagram, sizeof datagram, 0, reinterpret_cast<struct sockaddr*>(&from), &from_length);
         if (length <= static_cast<ssize_t>(kReceivedHeaderSize) || datagram[kTransportTypeOffset] != kTransportLiveVideo)
             continue;
-        uint32_t payload = static_cast<uint32_t>(length) - kReceivedHeaderSize;
-        uint8_t* slot_bytes = RingSlot(ring, slot);
-        memcpy(slot_bytes + kSlotDataOffset, datagram + kReceivedHeaderSize, payload);
-        RingWriteSlotHeader(slot_bytes, payload, part, 0);
-        slot = RingNextSlot(slot);
-        RingStoreField(ring, kRingNextSlotOffset, static_cast<uint16_t>(slot));
-        RingStoreField(ring, kRingLastPartOffset, part++);
+        BaselineQueuePart(ring, &slot, &part, datagram + kReceivedHeaderSize,
+                          static_cast<uint32_t>(length) - kReceivedHeaderSize);
         BuildAckDatagram(ack, ReadLe16(datagram + kReceivedSequenceOffset));
         sendto(fd, ack, sizeof ack, 0, reinterpret_cast<struct sockaddr*>(&from), from_length);
     }
@@ -270,13 +277,8 @@ uint8_t* MapBaselineRing(const char* name)
             size_t length = in[i].msg_len;
             if (length <= kReceivedHeaderSize || datagram[kTransportTypeOffset] != kTransportLiveVideo)
                 continue;
-            uint32_t payload = static_cast<uint32_t>(length - kReceivedHeaderSize);
-            uint8_t* slot_bytes = RingSlot(ring, slot);
-            memcpy(slot_bytes + kSlotDataOffset, datagram + kReceivedHeaderSize, payload);
-            RingWriteSlotHeader(slot_bytes, payload, part, 0);
-            slot = RingNextSlot(slot);
-            RingStoreField(ring, kRingNextSlotOffset, static_cast<uint16_t>(slot));
-            RingStoreField(ring, kRingLastPartOffset, part++);
+            BaselineQueuePart(ring, &slot, &part, datagram + kReceivedHeaderSize,
+                              static_cast<uint32_t>(length - kReceivedHeaderSize));
             BuildAckDatagram(acks[ready], ReadLe16(datagram + kReceivedSequenceOffset));
             out[ready].msg_hdr.msg_name = &sources[i];
             out[ready].msg_hdr.msg_namelen = in[i].msg_hdr.msg_namelen;
