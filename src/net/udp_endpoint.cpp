@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,6 +43,13 @@ void SetSocketBuffer(int socket, int option, int force_option)
     ServiceExit(3);
 }
 
+constexpr size_t kQueueCapacity = 2 * kUdpReceiveBatchLimit;
+// A segmented send is one UDP datagram to the kernel until it is cut: its
+// payload is at most what one IPv4 packet carries, and its segments at most
+// 64 (the fewest any kernel with UDP_SEGMENT accepts; the queue holds no more).
+constexpr size_t kSegmentedRunMaxBytes = 65507;
+static_assert(kQueueCapacity <= 64, "a queue's run fits one segmented send");
+
 // Sends that a batched receive thread's callbacks make, held until the batch
 // is handled. Each datagram keeps its endpoint (socket and drop count).
 struct QueuedSend {
@@ -53,60 +61,134 @@ struct QueuedSend {
 };
 struct SendQueue {
     // An ack and a forwarded copy per datagram at most, in this system.
-    QueuedSend entries[2 * kUdpReceiveBatchLimit];
+    QueuedSend entries[kQueueCapacity];
     size_t count;
 };
 // Set on a receive thread that receives in batches, for its whole life.
 thread_local SendQueue* batch_send_queue = nullptr;
 
-// Counts a send the socket could not take now; the first of an endpoint is said.
-void NoteSendFailure(UdpEndpoint* endpoint, int error)
+// Counts sends the socket could not take now; the first of an endpoint is said.
+void NoteSendFailure(UdpEndpoint* endpoint, int error, unsigned datagrams = 1)
 {
     if ((error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS) &&
-        endpoint->send_drops.fetch_add(1, std::memory_order_relaxed) == 0)
+        endpoint->send_drops.fetch_add(datagrams, std::memory_order_relaxed) == 0)
         fprintf(stderr, "UDP send dropped: socket buffer full (port %u)\n",
                 static_cast<unsigned>(endpoint->LocalPort()));
 }
 
-// Sends the queue in order, one sendmmsg per run of datagrams from one socket.
-// A datagram the socket refuses is dropped as SendTo drops it, and the rest
-// still go.
-void FlushQueuedSends(SendQueue* queue)
+bool IsFullBuffer(int error)
 {
-    struct mmsghdr messages[2 * kUdpReceiveBatchLimit];
-    struct iovec vectors[2 * kUdpReceiveBatchLimit];
-    size_t start = 0;
-    while (start < queue->count) {
-        UdpEndpoint* endpoint = queue->entries[start].endpoint;
-        size_t end = start;
-        unsigned run = 0;
-        for (; end < queue->count && queue->entries[end].endpoint == endpoint; ++end, ++run) {
-            QueuedSend& entry = queue->entries[end];
-            vectors[run].iov_base = const_cast<void*>(entry.data);
-            vectors[run].iov_len = entry.length;
-            memset(&messages[run], 0, sizeof messages[run]);
-            messages[run].msg_hdr.msg_name = &entry.destination;
-            messages[run].msg_hdr.msg_namelen = sizeof entry.destination;
-            messages[run].msg_hdr.msg_iov = &vectors[run];
-            messages[run].msg_hdr.msg_iovlen = 1;
+    return error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS;
+}
+
+bool CanJoinSegments(const QueuedSend& first, const QueuedSend& next)
+{
+    return next.length == first.length && next.destination.sin_addr.s_addr == first.destination.sin_addr.s_addr &&
+           next.destination.sin_port == first.destination.sin_port;
+}
+
+// The messages of one sendmmsg: a queued datagram each, or a run of
+// segmented ones (see SendQueuedRun).
+struct OutgoingMessages {
+    struct mmsghdr messages[kQueueCapacity];
+    struct iovec vectors[kQueueCapacity];
+    // CMSG_SPACE is a multiple of the header's alignment, so every row is aligned.
+    alignas(struct cmsghdr) uint8_t controls[kQueueCapacity][CMSG_SPACE(sizeof(uint16_t))];
+    size_t first_entry[kQueueCapacity];   // the queue entry each message starts with
+    unsigned datagrams[kQueueCapacity];
+    unsigned count;
+};
+
+// One message per datagram of entries [start, end), or per run of
+// datagrams that can be segmented when `segment`.
+void BuildMessages(const SendQueue* queue, size_t start, size_t end, bool segment, OutgoingMessages* out)
+{
+    out->count = 0;
+    size_t vector = 0;
+    for (size_t i = start; i < end;) {
+        const QueuedSend& first = queue->entries[i];
+        size_t next = i + 1;
+        if (segment && first.length <= kUdpSegmentMaxBytes) {
+            size_t most = kSegmentedRunMaxBytes / first.length;
+            while (next < end && next - i < most && CanJoinSegments(first, queue->entries[next]))
+                ++next;
         }
-        if (run == 1) {   // one datagram: the plain call costs less
-            if (sendto(endpoint->socket, vectors[0].iov_base, vectors[0].iov_len, MSG_DONTWAIT,
-                       static_cast<const struct sockaddr*>(messages[0].msg_hdr.msg_name),
-                       messages[0].msg_hdr.msg_namelen) < 0)
-                NoteSendFailure(endpoint, errno);
-            start = end;
+        unsigned m = out->count++;
+        struct msghdr& header = out->messages[m].msg_hdr;
+        memset(&out->messages[m], 0, sizeof out->messages[m]);
+        header.msg_name = const_cast<struct sockaddr_in*>(&first.destination);
+        header.msg_namelen = sizeof first.destination;
+        header.msg_iov = &out->vectors[vector];
+        header.msg_iovlen = next - i;
+        for (size_t k = i; k < next; ++k)
+            out->vectors[vector++] = {const_cast<void*>(queue->entries[k].data), queue->entries[k].length};
+        if (next - i > 1) {
+            header.msg_control = out->controls[m];
+            header.msg_controllen = sizeof out->controls[m];
+            struct cmsghdr* control = CMSG_FIRSTHDR(&header);
+            control->cmsg_level = SOL_UDP;
+            control->cmsg_type = UDP_SEGMENT;
+            control->cmsg_len = CMSG_LEN(sizeof(uint16_t));
+            uint16_t segment_size = first.length;
+            memcpy(CMSG_DATA(control), &segment_size, sizeof segment_size);
+        }
+        out->first_entry[m] = i;
+        out->datagrams[m] = static_cast<unsigned>(next - i);
+        i = next;
+    }
+}
+
+// Sends queued entries [start, end), all of one endpoint, in order. A
+// datagram the socket refuses is dropped as SendTo drops it, and the rest
+// still go. While the endpoint may segment, each run of datagrams of one
+// length to one destination (a batch's acks) is one message with
+// UDP_SEGMENT: the kernel takes the run through its stack once and cuts it
+// into the same datagrams, in the same order, that separate sends would
+// make. That spares a small core much of the per-datagram cost, and the
+// receiver is woken once for the run rather than once per datagram. A kernel
+// or device that refuses it ends segmenting on that endpoint (said once);
+// the run is sent again unsegmented.
+void SendQueuedRun(const SendQueue* queue, size_t start, size_t end)
+{
+    UdpEndpoint* endpoint = queue->entries[start].endpoint;
+    if (end - start == 1) {   // one datagram: the plain call costs less
+        const QueuedSend& only = queue->entries[start];
+        if (sendto(endpoint->socket, only.data, only.length, MSG_DONTWAIT,
+                   reinterpret_cast<const struct sockaddr*>(&only.destination), sizeof only.destination) < 0)
+            NoteSendFailure(endpoint, errno);
+        return;
+    }
+    bool segment = endpoint->segmenting.load(std::memory_order_relaxed);
+    OutgoingMessages out;
+    BuildMessages(queue, start, end, segment, &out);
+    for (unsigned sent = 0; sent < out.count;) {
+        int done = sendmmsg(endpoint->socket, out.messages + sent, out.count - sent, MSG_DONTWAIT);
+        if (done > 0) {
+            sent += static_cast<unsigned>(done);
             continue;
         }
-        for (unsigned sent = 0; sent < run;) {
-            int done = sendmmsg(endpoint->socket, messages + sent, run - sent, MSG_DONTWAIT);
-            if (done > 0) {
-                sent += static_cast<unsigned>(done);
-            } else {
-                NoteSendFailure(endpoint, errno);
-                sent += 1;   // that one is dropped
-            }
+        int error = errno;
+        if (out.datagrams[sent] > 1 && !IsFullBuffer(error)) {
+            if (endpoint->segmenting.exchange(false))
+                fprintf(stderr, "UDP segmentation refused (port %u): datagrams leave one by one\n",
+                        static_cast<unsigned>(endpoint->LocalPort()));
+            SendQueuedRun(queue, out.first_entry[sent], end);
+            return;
         }
+        NoteSendFailure(endpoint, error, out.datagrams[sent]);
+        sent += 1;   // that message is dropped
+    }
+}
+
+// Sends the queue in order, one run per socket.
+void FlushQueuedSends(SendQueue* queue)
+{
+    size_t start = 0;
+    while (start < queue->count) {
+        size_t end = start + 1;
+        while (end < queue->count && queue->entries[end].endpoint == queue->entries[start].endpoint)
+            ++end;
+        SendQueuedRun(queue, start, end);
         start = end;
     }
     queue->count = 0;
@@ -212,22 +294,13 @@ void UdpEndpoint::RunBatchedReceiveLoop(uint8_t* storage)
     queue.count = 0;
     batch_send_queue = &queue;
     unsigned used = buffer_count;   // buffers written by the last receive
-    constexpr unsigned kProbeInterval = 8;
-    unsigned singles_since_probe = 0;
     for (;;) {
         if (clear_before_receive)
             memset(storage, 0, static_cast<size_t>(used) * buffer_size);
-        // While datagrams come one at a time, a receive of one spares the
-        // kernel the look for a second that is not there; every
-        // kProbeInterval-th receive looks again, and a batch that finds more
-        // than one keeps the full batches going.
-        unsigned want = used > 1 || ++singles_since_probe >= kProbeInterval ? buffer_count : 1;
-        if (want > 1)
-            singles_since_probe = 0;
-        for (unsigned i = 0; i < want; ++i)
+        for (unsigned i = 0; i < buffer_count; ++i)
             messages[i].msg_hdr.msg_namelen = sizeof sources[i];
         // Blocks for the first datagram only, then takes what is queued.
-        int received = recvmmsg(socket, messages, want, MSG_WAITFORONE, nullptr);
+        int received = recvmmsg(socket, messages, buffer_count, MSG_WAITFORONE, nullptr);
         if (received <= 0)
             FailReceive();
         used = static_cast<unsigned>(received);

@@ -54,6 +54,10 @@ constexpr uint16_t kUdpReceiveBatchLimit = 32;   // buffers one batched receive 
 // Queued datagrams up to this size are copied; longer ones are referenced and
 // must stay unchanged until the batch is handled (a receive buffer does).
 constexpr uint16_t kUdpQueuedCopyBytes = 64;
+// Queued datagrams up to this size may leave segmented (see
+// SendQueuedRun): it fits a 1500-byte MTU, so no path on the board refuses
+// them for their size.
+constexpr uint16_t kUdpSegmentMaxBytes = 1472;
 
 struct UdpEndpoint {
     UdpReceiveCallback on_receive = nullptr;
@@ -73,6 +77,7 @@ struct UdpEndpoint {
     std::mutex event_lock;                // orders on_found / on_lost, see above
     std::atomic<uint64_t> peer_address{0};   // PackPeerAddress of the peer; 0: none
     std::atomic<uint32_t> send_drops{0};
+    std::atomic<bool> segmenting{true};   // queued runs may leave as one segmented send
     // The source of the last datagram as the socket gave it, so that peer_ip
     // is formatted only when the sender changes (receive thread only).
     struct sockaddr_in last_source{};

@@ -2,6 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -219,6 +223,84 @@ TEST_F(UdpEndpointTest, QueuedDatagramsAreHandledInOrderInOneBatchWithRepliesAft
     }
     EXPECT_LT(recv(reply_fd, &timeout, 1, MSG_DONTWAIT), 0);
     close(reply_fd);
+}
+
+// A run of replies the kernel will not segment: in a private network
+// namespace whose loopback carries 1200 bytes a packet, 1400-byte replies
+// cannot leave as one segmented send.
+constexpr uint16_t kLongReplyBytes = 1400;
+UdpEndpoint unsegmented_endpoint;
+struct sockaddr_in long_reply_address;
+uint8_t long_replies[8][kLongReplyBytes];   // referenced by the queue until the batch is sent
+std::atomic<int> long_reply_count{0};
+
+void OnDatagramWantingLongReply(uint8_t* buffer, uint16_t, const char*, uint16_t)
+{
+    int index = long_reply_count.load();
+    memset(long_replies[index], buffer[0], kLongReplyBytes);
+    unsegmented_endpoint.QueueTo(long_replies[index], kLongReplyBytes, long_reply_address);
+    ++long_reply_count;
+}
+
+void SetLoopbackMtu(int mtu)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    struct ifreq request;
+    memset(&request, 0, sizeof request);
+    strcpy(request.ifr_name, "lo");
+    request.ifr_mtu = mtu;
+    ASSERT_EQ(ioctl(fd, SIOCSIFMTU, &request), 0);
+    ASSERT_EQ(ioctl(fd, SIOCGIFFLAGS, &request), 0);
+    request.ifr_flags |= IFF_UP;
+    ASSERT_EQ(ioctl(fd, SIOCSIFFLAGS, &request), 0);
+    close(fd);
+}
+
+TEST_F(UdpEndpointTest, RunsTheKernelWillNotSegmentLeaveOneByOneWholeAndInOrder)
+{
+    int home = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(home, 0);
+    if (unshare(CLONE_NEWNET) != 0) {
+        close(home);
+        GTEST_SKIP() << "a private network namespace needs root";
+    }
+    struct BackHome {
+        int fd;
+        ~BackHome() { setns(fd, CLONE_NEWNET), close(fd); }
+    } back_home{home};
+    SetLoopbackMtu(1200);
+
+    static uint8_t buffers[4][64];
+    ASSERT_EQ(unsegmented_endpoint.Open(0), 0);
+    unsegmented_endpoint.on_receive = OnDatagramWantingLongReply;
+    UdpPeer replies;
+    replies.SetReceiveBuffer(1 << 20);
+    MakeUdpAddress("127.0.0.1", replies.port(), &long_reply_address);
+    UdpPeer peer;
+    testing::internal::CaptureStderr();
+    // Two batches of four: the first finds segmenting refused, the second
+    // does not try it again.
+    const char first_bytes[] = "ABCDEFGH";
+    for (int i = 0; i < 4; ++i)
+        peer.SendTo(unsegmented_endpoint.LocalPort(), &first_bytes[i], 1);
+    SleepMs(50);
+    unsegmented_endpoint.AttachBuffers(&buffers[0][0], sizeof buffers[0], 4);
+    ASSERT_TRUE(WaitFor(long_reply_count, 4));
+    SleepMs(50);
+    for (int i = 4; i < 8; ++i)
+        peer.SendTo(unsegmented_endpoint.LocalPort(), &first_bytes[i], 1);
+    ASSERT_TRUE(WaitFor(long_reply_count, 8));
+    for (int i = 0; i < 8; ++i) {
+        std::vector<uint8_t> reply = replies.Receive(2000);
+        EXPECT_EQ(reply, std::vector<uint8_t>(kLongReplyBytes, static_cast<uint8_t>(first_bytes[i]))) << "reply " << i;
+    }
+    EXPECT_TRUE(replies.Receive(100).empty());
+    std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(unsegmented_endpoint.segmenting.load());
+    EXPECT_EQ(unsegmented_endpoint.send_drops.load(), 0u);
+    std::string refusal = "UDP segmentation refused (port " + std::to_string(unsegmented_endpoint.LocalPort()) +
+                          "): datagrams leave one by one\n";
+    EXPECT_EQ(said, refusal);
 }
 
 TEST(Clock, NowMsFollowsTheWallClockInMilliseconds)
