@@ -41,8 +41,10 @@
 // is never waited for). Each datagram then goes through peer tracking and
 // on_receive in arrival order, in its own buffer, exactly as a single receive
 // would hand it on. Datagrams that callbacks send with QueueTo while a batch
-// is handled leave together in one sendmmsg per socket after it, before the
-// thread blocks again; so no reply waits longer than its batch's handling.
+// is handled leave after it, before the thread blocks again, so no reply
+// waits longer than its batch's handling: one sendmmsg per socket, in which
+// a run of datagrams of one length to one destination (the batch's acks) is
+// one segmented send (UDP_SEGMENT) while the kernel takes it.
 using UdpReceiveCallback = void (*)(uint8_t* buffer, uint16_t length, const char* peer_ip,
                                     uint16_t peer_port);
 using UdpEventCallback = void (*)();
