@@ -294,9 +294,32 @@ void UdpEndpoint::RunBatchedReceiveLoop(uint8_t* storage)
     queue.count = 0;
     batch_send_queue = &queue;
     unsigned used = buffer_count;   // buffers written by the last receive
+    // Datagrams that come alone (the camera's own rates: the thread is woken
+    // for each) cost least with recvfrom; a recvmmsg copies in more headers
+    // and looks for a second datagram that is not there. After
+    // kLoneBatchesToSettle batches of one in a row the loop receives alone,
+    // asking for a full batch every kLoneProbeInterval-th receive, and the
+    // first batch of more than one ends that.
+    constexpr unsigned kLoneBatchesToSettle = 4;
+    constexpr unsigned kLoneProbeInterval = 8;
+    unsigned lone_batches = 0;
+    unsigned receives_since_probe = 0;
     for (;;) {
         if (clear_before_receive)
             memset(storage, 0, static_cast<size_t>(used) * buffer_size);
+        bool alone = lone_batches >= kLoneBatchesToSettle && ++receives_since_probe < kLoneProbeInterval;
+        if (alone) {
+            socklen_t source_length = sizeof sources[0];
+            ssize_t received = recvfrom(socket, storage, capacity, 0, reinterpret_cast<struct sockaddr*>(&sources[0]),
+                                        &source_length);
+            if (received <= 0)
+                FailReceive();
+            used = 1;
+            HandOn(storage, received, sources[0]);
+            FlushQueuedSends(&queue);
+            continue;
+        }
+        receives_since_probe = 0;
         for (unsigned i = 0; i < buffer_count; ++i)
             messages[i].msg_hdr.msg_namelen = sizeof sources[i];
         // Blocks for the first datagram only, then takes what is queued.
@@ -304,6 +327,7 @@ void UdpEndpoint::RunBatchedReceiveLoop(uint8_t* storage)
         if (received <= 0)
             FailReceive();
         used = static_cast<unsigned>(received);
+        lone_batches = used == 1 ? lone_batches + 1 : 0;
         for (unsigned i = 0; i < used; ++i) {
             // A datagram longer than the buffer arrives cut to it (msg_len is
             // what was stored), as a single receive cuts it.

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <time.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -21,6 +22,7 @@ namespace {
 constexpr int kRedrawMs = 100;
 constexpr int kRightColumn = 42;
 constexpr int64_t kRateWindowMs = 1000;
+constexpr int64_t kResolutionReadMs = 1000;
 
 struct View {
     tarnwick::Status status{};
@@ -39,6 +41,10 @@ struct View {
     int64_t rate_since_ms = 0;
     uint64_t rate_parts = 0, rate_bytes = 0;
     double parts_per_s = 0, megabits_per_s = 0;
+    // The picture size from its two files, read once a second rather than per redraw.
+    int width = 0, height = 0;
+    bool have_resolution = false;
+    int64_t resolution_at_ms = INT64_MIN / 2;
 };
 
 View view;
@@ -70,6 +76,10 @@ void PollRing()
     if (view.ring_open)
         tarnwick::RingReaderPoll(&view.ring, CountOnly, nullptr);
     int64_t now = NowMs();
+    if (now - view.resolution_at_ms >= kResolutionReadMs) {
+        view.have_resolution = tarnwick::ReadResolution(&view.width, &view.height) == 0;
+        view.resolution_at_ms = now;
+    }
     if (now - view.rate_since_ms >= kRateWindowMs) {
         double seconds = static_cast<double>(now - view.rate_since_ms) / 1000.0;
         view.parts_per_s = static_cast<double>(view.ring.counts.parts - view.rate_parts) / seconds;
@@ -184,9 +194,8 @@ void Draw()
 
     row = Heading(2, kRightColumn, "VIDEO");
     ROW(row, kRightColumn, "format", "%s  %s  %d MP", s.format, s.ratio, s.sensor);
-    int width = 0, height = 0;
-    if (tarnwick::ReadResolution(&width, &height) == 0)
-        ROW(row, kRightColumn, "picture", "%dx%d  shots %s", width, height, s.shot_mode);
+    if (view.have_resolution)
+        ROW(row, kRightColumn, "picture", "%dx%d  shots %s", view.width, view.height, s.shot_mode);
     else
         ROW(row, kRightColumn, "picture", "?  shots %s", s.shot_mode);
     if (view.ring_open)
