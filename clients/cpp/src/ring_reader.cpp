@@ -232,11 +232,15 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
         // The copy (or the sink's reading in place) must be complete before
         // the writer's position is looked at again: a seqlock reader's fence,
         // which ThreadSanitizer does not model (the writer is another process).
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpragmas"
 #pragma GCC diagnostic ignored "-Wtsan"
+#endif
         __atomic_thread_fence(__ATOMIC_ACQUIRE);
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
         uint32_t writer_now = WriterSlot(region);
         if (writer_now == current || !SameHeader(header, RingReadSlotHeader(slot))) {
             // Overwritten while it was read: fell a whole ring behind.
