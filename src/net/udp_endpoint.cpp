@@ -67,18 +67,17 @@ struct SendQueue {
 // Set on a receive thread that receives in batches, for its whole life.
 thread_local SendQueue* batch_send_queue = nullptr;
 
-// Counts sends the socket could not take now; the first of an endpoint is said.
-void NoteSendFailure(UdpEndpoint* endpoint, int error, unsigned datagrams = 1)
-{
-    if ((error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS) &&
-        endpoint->send_drops.fetch_add(datagrams, std::memory_order_relaxed) == 0)
-        fprintf(stderr, "UDP send dropped: socket buffer full (port %u)\n",
-                static_cast<unsigned>(endpoint->LocalPort()));
-}
-
 bool IsFullBuffer(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS;
+}
+
+// Counts sends the socket could not take now; the first of an endpoint is said.
+void NoteSendFailure(UdpEndpoint* endpoint, int error, unsigned datagrams = 1)
+{
+    if (IsFullBuffer(error) && endpoint->send_drops.fetch_add(datagrams, std::memory_order_relaxed) == 0)
+        fprintf(stderr, "UDP send dropped: socket buffer full (port %u)\n",
+                static_cast<unsigned>(endpoint->LocalPort()));
 }
 
 bool CanJoinSegments(const QueuedSend& first, const QueuedSend& next)
