@@ -1007,23 +1007,28 @@ int main(int argc, char** argv)
         }
     }
 
+    // One step: the systems take turns, `repeat` rounds, and each keeps its
+    // best figures (KeepBest).
+    auto run_turns = [&](size_t payload, double rate, double run_seconds, StepResult* r) {
+        for (int turn = 0; turn < repeat; ++turn)
+            for (int i = 0; i < kSystemCount; ++i) {
+                StepResult t = RunStep(camera_fd, systems[i].port, systems[i].pid, systems[i].ring, payload, rate,
+                                       run_seconds);
+                if (i == kDaemon)
+                    datagrams_measured += t.delivered;
+                if (turn == 0)
+                    r[i] = t;
+                else
+                    KeepBest(t, &r[i]);
+            }
+    };
     if (series_wanted) {
         printf("At the camera's rates: 1400-byte payloads, %.0f s per run, each figure the best of %d runs\n",
                light_seconds, repeat);
         printf("   rate system   | CPU us/datagram  net of idle  share |   p50     p99 | vs plain: CPU   net   p99\n");
         for (double rate : light_rates) {
             StepResult r[kSystemCount];
-            for (int turn = 0; turn < repeat; ++turn)
-                for (int i = 0; i < kSystemCount; ++i) {
-                    StepResult t = RunStep(camera_fd, systems[i].port, systems[i].pid, systems[i].ring, 1400, rate,
-                                           light_seconds);
-                    if (i == kDaemon)
-                        datagrams_measured += t.delivered;
-                    if (turn == 0)
-                        r[i] = t;
-                    else
-                        KeepBest(t, &r[i]);
-                }
+            run_turns(1400, rate, light_seconds, r);
             double net[kSystemCount];
             for (int i = 0; i < kSystemCount; ++i)
                 net[i] = r[i].cpu_per_100k * 10.0 - idle_cpu_per_s[i] * 1e6 / r[i].offered_per_s;
@@ -1044,19 +1049,8 @@ int main(int argc, char** argv)
                " vs plain: deliv CPU p99 | vs batched: deliv\n");
         double knee[kSystemCount] = {};
         for (double rate : s.rates) {
-            // Turn about, keeping each side's best run.
             StepResult r[kSystemCount];
-            for (int turn = 0; turn < repeat; ++turn)
-                for (int i = 0; i < kSystemCount; ++i) {
-                    StepResult t = RunStep(camera_fd, systems[i].port, systems[i].pid, systems[i].ring, s.payload,
-                                           rate, seconds);
-                    if (i == kDaemon)
-                        datagrams_measured += t.delivered;
-                    if (turn == 0)
-                        r[i] = t;
-                    else
-                        KeepBest(t, &r[i]);
-                }
+            run_turns(s.payload, rate, seconds, r);
             PrintSeriesRows(s.payload, rate, systems, r);
             for (int i = 0; i < kSystemCount; ++i)
                 if (LossFraction(r[i]) <= kKneeLoss)
