@@ -31,11 +31,28 @@ SharedMapping frame_buffer_mapping;
 SharedMapping transcoding_mapping;
 
 // At start-up each region is all zero bytes but byte 0, which is 1 (for the
-// ring: clear_request).
+// ring: clear_request). The ring may hold a previous run's parts, and readers
+// may be following it: clear_request goes up first, and only then is the rest
+// zeroed. A reader that sees any zeroed byte (next_slot 0 among them) then
+// also sees the request, and reads nothing until the writer has cleared the
+// ring for its first part. (Zeroing first would show next_slot 0 beside the
+// old slots, which a reader would take for the newest parts.)
 void FillAsAtStart(uint8_t* region, size_t size)
 {
-    memset(region, 0, size);
-    region[0] = 1;
+    RingStoreField(region, kRingClearRequestOffset, 1);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);   // the request before any zero byte
+    memset(region + sizeof(uint16_t), 0, size - sizeof(uint16_t));
+}
+
+// Empties the ring for the writer's next part. clear_request stays set while
+// the slots are zeroed and goes down last, after next_slot and last_part are 0:
+// a reader that sees it down finds no slot of before the clear.
+void ClearRing(uint8_t* ring, size_t size)
+{
+    memset(ring + kRingHeaderSize, 0, size - kRingHeaderSize);
+    memset(ring + kRingLastPartOffset, 0, kRingHeaderSize - kRingLastPartOffset);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    RingStoreField(ring, kRingClearRequestOffset, 0);
 }
 
 // A ring that another process spoilt while the service runs: its reader is
@@ -127,8 +144,7 @@ void QueueVideoPart(const uint8_t* data, uint32_t length)
     if (ring == nullptr)
         return;
     if (RingLoadField(ring, kRingClearRequestOffset) != 0) {
-        // Also zeroes next_slot and clear_request.
-        memset(ring, 0, video_stream.frame_buffer_size);
+        ClearRing(ring, video_stream.frame_buffer_size);
         fputs("Clear frame shared memory\n", stderr);
     }
 
