@@ -264,6 +264,8 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
                 WriterClears(reader);
                 reader->slot = 0;
                 restarted = true;
+                if (delivered != 0)
+                    return delivered;   // one poll never hands out both sides of a restart
             } else {
                 Break(reader);
                 reader->slot = WriterSlot(region);
