@@ -219,6 +219,10 @@ class AppLink:
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind((host, port))
         self.relay = None          # (host, port) of the last status datagram
+        # Times the relay started again: each start binds a new command port,
+        # so status from a new source is a new relay. Send the movement mode
+        # again when this grows.
+        self.restarts = 0
 
     def close(self):
         self.sock.close()
@@ -231,17 +235,21 @@ class AppLink:
 
     def receive(self, timeout=2.0):
         """The next datagram parsed (see parse_datagram), or None at the
-        time-out. A datagram that does not parse is returned as bytes."""
+        time-out; an error of the socket raises OSError. A datagram that does
+        not parse is returned as bytes (and does not tell the relay's port)."""
         self.sock.settimeout(timeout)
         try:
             data, source = self.sock.recvfrom(65536)
         except socket.timeout:
             return None
-        self.relay = source
         try:
-            return parse_datagram(data)
+            message = parse_datagram(data)
         except ValueError:
             return data
+        if self.relay is not None and source != self.relay:
+            self.restarts += 1
+        self.relay = source
+        return message
 
     def status(self, timeout=3.0, where=None):
         """The next StatusRecord (for which `where(record)` holds), or None."""
@@ -380,6 +388,7 @@ class RingReader:
         writer = self._writer_slot()      # next_slot before clear_request (see poll)
         self._clear_pending = self.fields[_CLEAR_REQUEST] != 0
         self.slot = 0 if from_start or self._clear_pending else writer
+        self._writer_seen = not self._clear_pending and (writer != 0 or self.fields[_LAST_PART] != 0)
         self._break()
 
     @classmethod
@@ -442,11 +451,9 @@ class RingReader:
         self._awaiting_parameter_set = self.start_at_parameter_set
 
     def _writer_clears(self):
-        if self._own_clear:
-            self._break()
-        else:
-            self.restarts += 1
-            self._break()
+        if not self._own_clear and self._writer_seen:
+            self.restarts += 1              # a ring's first start after opening it is no restart
+        self._break()
         self._own_clear = False
 
     def _await_clear(self):
@@ -503,8 +510,7 @@ class RingReader:
         of bytes (empty when nothing is new, or while the object is cut
         short or being replaced)."""
         if self._replaced():
-            self.restarts += 1
-            self._break()
+            self._writer_clears()
             if not self._remap():
                 self._identity = None       # mapped as soon as it can be
                 return []
@@ -520,6 +526,7 @@ class RingReader:
             return chunks
         if self._clear_pending:
             self._clear_pending = False     # cleared: parts start again at slot 0
+            self._writer_seen = True
             self.slot = 0
             self._break()
         restarted = False
@@ -547,6 +554,7 @@ class RingReader:
                     self.slot = self._writer_slot()
                 writer = self._writer_slot()
                 continue
+            self._writer_seen = True
             length, part, index = header
             data = self.region[base + RING_SLOT_HEADER_SIZE:base + RING_SLOT_HEADER_SIZE + length]
             writer_now = self._writer_slot()

@@ -143,10 +143,19 @@ tarnwick_link* tarnwick_link_open(const char* bind_host, uint16_t status_port);
 void tarnwick_link_close(tarnwick_link* link);
 int tarnwick_link_fd(const tarnwick_link* link);   /* for poll() */
 /* Waits up to timeout_ms (-1: for ever) for one status datagram and parses
- * it. Returns its kind (0: unknown datagram), or -1 on time-out or error. */
+ * it. Returns its kind (0: unknown datagram), TARNWICK_LINK_TIMEOUT when
+ * none came in time, or -1 on an error (errno tells; EINTR: a signal). */
+#define TARNWICK_LINK_TIMEOUT (-2)
 int tarnwick_link_receive(tarnwick_link* link, int timeout_ms, tarnwick_report* report);
 /* 1 once a status datagram has told the relay's command port. */
 int tarnwick_link_relay_known(const tarnwick_link* link);
+/* How many times the relay has started again since the link first heard it:
+ * every start binds a new command port, so status from a new source is a new
+ * relay (the system picks the port; the same one again is a 1 in 28000
+ * chance). A new relay has forgotten what the application told the old one:
+ * when this grows, send the movement mode again. A command sent while the
+ * relay is down is lost (it is not queued anywhere). */
+unsigned tarnwick_link_relay_restarts(const tarnwick_link* link);
 /* Sends a command datagram (text from tarnwick_format_command, or bytes).
  * Returns 0, or -1 when the relay is not known yet or the send failed. */
 int tarnwick_link_send(tarnwick_link* link, const void* data, size_t length);

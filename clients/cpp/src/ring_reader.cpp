@@ -66,7 +66,8 @@ void Break(RingReader* reader)
 // a break, and counted.
 void Restart(RingReader* reader)
 {
-    ++reader->counts.restarts;
+    if (reader->writer_seen)
+        ++reader->counts.restarts;   // a ring's first start after opening it is no restart
     Break(reader);
 }
 
@@ -98,6 +99,7 @@ void StartAtLiveEdge(RingReader* reader)
     reader->clear_pending = ClearRequested(reader->region);
     reader->own_clear = false;
     reader->slot = reader->clear_pending ? 0 : writer;
+    reader->writer_seen = !reader->clear_pending && (writer != 0 || RingLoadField(reader->region, kRingLastPartOffset) != 0);
     Break(reader);
 }
 
@@ -243,6 +245,7 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
     if (reader->clear_pending) {
         // The writer has cleared the ring: its parts start again at slot 0.
         reader->clear_pending = false;
+        reader->writer_seen = true;
         reader->slot = 0;
         Break(reader);
     }
@@ -273,6 +276,7 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
             writer = WriterSlot(region);
             continue;
         }
+        reader->writer_seen = true;
         uint32_t current = reader->slot;
         reader->slot = (current + 1) % kRingSlotCount;
         const uint8_t* data = slot + kSlotDataOffset;

@@ -57,7 +57,8 @@ inline int FormatCommand(char* out, size_t capacity, const char* cmd, const char
 //   (another program's) does the same, and an object removed and made anew
 //   or cut short under the reader is noticed by its identity and size
 //   (checked at most every 100 ms; the new one is mapped and read from its
-//   live edge). Each counts once in counts.restarts, never as loss; while
+//   live edge). Each counts once in counts.restarts (but the first start of a
+//   relay on a ring that it had never written), never as loss; while
 //   clear_request is set nothing is read, and once the writer has cleared,
 //   reading starts at slot 0. An unwritten slot met behind next_slot means a
 //   clear came and went between two looks (a reader that stalled for the
@@ -91,6 +92,7 @@ struct RingReader {
     uint32_t slot = 0;              // next slot to read
     bool clear_pending = false;     // waiting for the writer to honour clear_request
     bool own_clear = false;         // this reader asked for the clear: not a restart
+    bool writer_seen = false;       // the writer has run since opening: a clear now is a restart
     bool awaiting_parameter_set = false;   // skipping parts until one starts with an SPS
     bool in_part = false;           // `part` has been delivered from its chunk 0 on
     bool have_previous = false;     // `part` is meaningful for the loss count
