@@ -23,6 +23,7 @@ struct SimOptions {
     int report_period_ms = 100;         // data-stream datagram period
     bool log_acks = false;              // one line per ack instead of a summary each second
     bool stamp = false;                 // a counter-stamp datagram before each access unit
+    bool log_video = false;             // "tx video LENGTH FNV1A64" for every video datagram sent
 };
 
 struct Simulator {

@@ -45,6 +45,7 @@ void Usage(FILE* out)
           "  --report-period=<ms>   data-stream period (default 100)\n"
           "  --log-acks             log every acknowledgement\n"
           "  --stamp                a counter-stamp SEI datagram before each access unit\n"
+          "  --log-video            log each video payload sent: its length and FNV-1a 64 hash\n"
           "  --help                 this text\n",
           out);
 }
@@ -58,7 +59,7 @@ bool Number(const char* option, long min, long max, long* value)
 int ParseSimOptions(int argc, char** argv, SimOptions* options)
 {
     enum { kBind = 1, kPort, kVideo, kFps, kPayload, kNoVideo, kLongHeader, kNeverAnswer, kSilentAfter,
-           kReportPeriod, kLogAcks, kStamp, kHelp };
+           kReportPeriod, kLogAcks, kStamp, kLogVideo, kHelp };
     static const struct option long_options[] = {
         {"bind", required_argument, nullptr, kBind},
         {"port", required_argument, nullptr, kPort},
@@ -72,6 +73,7 @@ int ParseSimOptions(int argc, char** argv, SimOptions* options)
         {"report-period", required_argument, nullptr, kReportPeriod},
         {"log-acks", no_argument, nullptr, kLogAcks},
         {"stamp", no_argument, nullptr, kStamp},
+        {"log-video", no_argument, nullptr, kLogVideo},
         {"help", no_argument, nullptr, kHelp},
         {nullptr, 0, nullptr, 0},
     };
@@ -116,6 +118,7 @@ int ParseSimOptions(int argc, char** argv, SimOptions* options)
             continue;
         case kLogAcks: options->log_acks = true; continue;
         case kStamp: options->stamp = true; continue;
+        case kLogVideo: options->log_video = true; continue;
         case kHelp: Usage(stdout); return 0;
         default: break;   // getopt_long named the option
         }
@@ -149,6 +152,21 @@ void* ReceiveThread(void*)
     return nullptr;
 }
 
+// One video payload to the relay, logged with --log-video so that a test
+// can tell each part of the ring for one the camera sent.
+void SendVideoPayload(const uint8_t* payload, size_t length, size_t header, const uint8_t* header_extra,
+                      size_t extra_length)
+{
+    SimSendDatagram(kTransportLiveVideo, payload, length, header, header_extra, extra_length);
+    if (!sim.options.log_video)
+        return;
+    uint64_t hash = 0xcbf29ce484222325ull;   // FNV-1a, 64 bits
+    for (size_t i = 0; i < length; ++i)
+        hash = (hash ^ payload[i]) * 0x100000001b3ull;
+    printf("tx video %zu %016llx\n", length, static_cast<unsigned long long>(hash));
+    fflush(stdout);
+}
+
 void SendVideoFrame()
 {
     const uint8_t* frame = nullptr;
@@ -165,13 +183,13 @@ void SendVideoFrame()
         snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(units_sent++));
         memcpy(sei + 7 + kUuidLength, digits, kDigits);
         sei[sizeof sei - 1] = 0x80;   // rbsp trailing bits
-        SimSendDatagram(kTransportLiveVideo, sei, sizeof sei, header,
-                        sim.options.long_video_header ? long_header_extra : nullptr, sizeof long_header_extra);
+        SendVideoPayload(sei, sizeof sei, header, sim.options.long_video_header ? long_header_extra : nullptr,
+                         sizeof long_header_extra);
     }
     for (size_t offset = 0; offset < length; offset += sim.options.video_payload) {
         size_t chunk = length - offset < sim.options.video_payload ? length - offset : sim.options.video_payload;
-        SimSendDatagram(kTransportLiveVideo, frame + offset, chunk, header,
-                        sim.options.long_video_header ? long_header_extra : nullptr, sizeof long_header_extra);
+        SendVideoPayload(frame + offset, chunk, header, sim.options.long_video_header ? long_header_extra : nullptr,
+                         sizeof long_header_extra);
     }
 }
 
