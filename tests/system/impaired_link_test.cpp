@@ -126,7 +126,9 @@ TEST_F(ImpairedLinkTest, EveryPartIsAPayloadTheCameraSentAndTheRelayKeepsItsPace
         foreign += sent.count(Fnv1a64(part.data(), part.size())) == 0;
     EXPECT_EQ(foreign, 0u) << "of " << parts.size() << " parts";
     EXPECT_GT(parts.size(), 100u) << "video came through the loss";
-    EXPECT_GE(pings, 6u) << "a ping a second, a fifth of them lost\n" << impair.Stdout();
+    // A ping a second, each lost with 1 in 5: 3 of 10 arrive unless the keep-alive stopped (fewer by chance
+    // only once in 13000 runs).
+    EXPECT_GE(pings, 3u) << impair.Stdout();
     ASSERT_GE(status_times.size(), 8u) << "a status line a second";
     for (size_t i = 1; i < status_times.size(); ++i)
         EXPECT_LT(status_times[i] - status_times[i - 1], std::chrono::milliseconds(1600)) << "gap before line " << i;

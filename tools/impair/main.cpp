@@ -15,9 +15,9 @@
 // passes for MS milliseconds), "loss PCT", "delay MS", "jitter MS",
 // "reorder PCT", "duplicate PCT", "stats", "quit". "stats", SIGTERM and the
 // end print one line a direction:
-//   a>b in=N delivered=N lost=N outage=N duplicated=N reordered=N
+//   a>b in=N delivered=N lost=N outage=N duplicated=N reordered=N overflow=N
 // (in: packets read; lost: dropped by the loss rule; outage: dropped in an
-// outage; delivered counts duplicates too).
+// outage; overflow: too large or no room; delivered counts duplicates too).
 //
 // As in netem, "reorder PCT" sends that share of packets at once and delays
 // the rest; jitter alone reorders too, as packets overtake each other.
@@ -49,6 +49,11 @@ namespace {
 
 constexpr const char* kTool = "tarnwick-impair";
 constexpr size_t kMaxPacket = 65536;
+// Packets in flight live in a fixed pool, so the program's memory stays flat
+// however long it runs: a slot holds a packet of the devices' MTU (1500); a
+// larger one, or one that finds the pool full, is dropped ("overflow").
+constexpr size_t kSlotBytes = 2048;
+constexpr size_t kSlotCount = 8192;
 
 struct Rules {
     double loss = 0;        // percent
@@ -65,18 +70,30 @@ struct Side {
 };
 
 struct Counts {
-    uint64_t in = 0, delivered = 0, lost = 0, outage = 0, duplicated = 0, reordered = 0;
+    uint64_t in = 0, delivered = 0, lost = 0, outage = 0, duplicated = 0, reordered = 0, overflow = 0;
 };
 
 struct Pending {
     int64_t due_us;
     uint64_t order;         // ties leave in the order they came
     int to;                 // side index
-    std::vector<uint8_t> bytes;
+    uint32_t slot;          // in the pool
+    uint32_t length;
     bool operator>(const Pending& other) const
     {
         return due_us != other.due_us ? due_us > other.due_us : order > other.order;
     }
+};
+
+struct Pool {
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(kSlotBytes * kSlotCount);
+    std::vector<uint32_t> free_slots;
+    Pool()
+    {
+        for (uint32_t slot = kSlotCount; slot-- > 0;)
+            free_slots.push_back(slot);
+    }
+    uint8_t* At(uint32_t slot) { return bytes.data() + size_t{slot} * kSlotBytes; }
 };
 
 Rules rules;
@@ -180,11 +197,11 @@ void PrintCounts()
 {
     for (int from = 0; from < 2; ++from) {
         const Counts& c = counts[from];
-        printf("%s in=%llu delivered=%llu lost=%llu outage=%llu duplicated=%llu reordered=%llu\n",
+        printf("%s in=%llu delivered=%llu lost=%llu outage=%llu duplicated=%llu reordered=%llu overflow=%llu\n",
                from == 0 ? "a>b" : "b>a", static_cast<unsigned long long>(c.in),
                static_cast<unsigned long long>(c.delivered), static_cast<unsigned long long>(c.lost),
                static_cast<unsigned long long>(c.outage), static_cast<unsigned long long>(c.duplicated),
-               static_cast<unsigned long long>(c.reordered));
+               static_cast<unsigned long long>(c.reordered), static_cast<unsigned long long>(c.overflow));
     }
     fflush(stdout);
 }
@@ -281,7 +298,11 @@ int main(int argc, char** argv)
     std::mt19937_64 random(seed);
     std::uniform_real_distribution<double> percent(0.0, 100.0);
     std::uniform_real_distribution<double> unit(-1.0, 1.0);
-    std::priority_queue<Pending, std::vector<Pending>, std::greater<Pending>> queue;
+    std::vector<Pending> queue_storage;
+    queue_storage.reserve(kSlotCount);
+    std::priority_queue<Pending, std::vector<Pending>, std::greater<Pending>> queue(std::greater<Pending>(),
+                                                                                 std::move(queue_storage));
+    Pool pool;
     uint64_t order = 0;
     std::vector<uint8_t> packet(kMaxPacket);
     std::string input;
@@ -292,8 +313,9 @@ int main(int argc, char** argv)
         while (!queue.empty() && queue.top().due_us <= now) {
             const Pending& next = queue.top();
             // A full device queue drops the packet, as a radio would.
-            if (write(sides[next.to].tun, next.bytes.data(), next.bytes.size()) > 0)
+            if (write(sides[next.to].tun, pool.At(next.slot), next.length) > 0)
                 ++counts[1 - next.to].delivered;
+            pool.free_slots.push_back(next.slot);
             queue.pop();
         }
         int timeout_ms = 100;
@@ -328,6 +350,13 @@ int main(int argc, char** argv)
                     ++c.duplicated;
                 }
                 for (int copy = 0; copy < copies; ++copy) {
+                    if (static_cast<size_t>(length) > kSlotBytes || pool.free_slots.empty()) {
+                        ++c.overflow;
+                        continue;
+                    }
+                    uint32_t slot = pool.free_slots.back();
+                    pool.free_slots.pop_back();
+                    memcpy(pool.At(slot), packet.data(), static_cast<size_t>(length));
                     int64_t delay_us = 0;
                     if (rules.reorder > 0 && percent(random) < rules.reorder) {
                         ++c.reordered;
@@ -335,8 +364,7 @@ int main(int argc, char** argv)
                         double ms = rules.delay_ms + rules.jitter_ms * unit(random);
                         delay_us = ms > 0 ? static_cast<int64_t>(ms * 1000) : 0;
                     }
-                    queue.push(Pending{now + delay_us, order++, 1 - from,
-                                       std::vector<uint8_t>(packet.begin(), packet.begin() + length)});
+                    queue.push(Pending{now + delay_us, order++, 1 - from, slot, static_cast<uint32_t>(length)});
                 }
             }
         }
