@@ -25,22 +25,12 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from daemon_check import Child, SIMULATOR_PORT  # noqa: E402
+from daemon_check import Child, SIMULATOR_PORT, check, failures  # noqa: E402
 
 # The simulator's stamp: an SEI NAL unit, user data unregistered, UUID text,
 # then the access unit's number in 16 hexadecimal digits.
 STAMP = re.compile(rb"\x00\x00\x00\x01\x06\x05\x20tarnwick-counter([0-9a-f]{16})")
 PARAMETER_SET_START = re.compile(rb"\x00\x00\x00\x01[\x07\x27\x47\x67]")
-
-failures = []
-
-
-def check(condition, what):
-    if not condition:
-        failures.append(what)
-        print("FAILED: " + what, file=sys.stderr)
-    return condition
-
 
 def wait_for_count(child, line, count, timeout):
     """True once `line` has appeared `count` times in the child's output."""
