@@ -49,6 +49,14 @@ bool EnterPrivateNamespaces()
     return true;
 }
 
+bool EnterPrivateSharedMemory()
+{
+    // The tmpfs is mounted only once the namespace is private: it must never reach the host's mount table.
+    return geteuid() == 0 && unshare(CLONE_NEWNS) == 0 &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+}
+
 bool IsIsolated()
 {
     return isolated;
