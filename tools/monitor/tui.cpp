@@ -188,7 +188,7 @@ void Draw()
     ROW(row, 0, "program", "%d  aperture f/%s", s.ae, s.aperture);
     ROW(row, 0, "shutter", "%s  (set %s)", s.shutter, s.shutter_set);
     ROW(row, 0, "ISO", "%d  (set %s)  EV %s", s.iso, s.iso_set, s.ev);
-    ROW(row, 0, "white bal.", "%s  %.0f K", s.wb, s.wb_temp);
+    ROW(row, 0, "white bal.", "%s  %d K", s.wb, s.wb_temp);
     ROW(row, 0, "colour", "%s  image %s", s.color_mode, s.image_mode);
     ROW(row, 0, "flicker", "%s  standard %s", s.antiflicker, s.video_std);
 

@@ -24,7 +24,7 @@
 extern "C" {
 #endif
 
-#define TARNWICK_TEXT_CAPACITY 24  /* the relay's longest text value is 20 bytes */
+#define TARNWICK_TEXT_CAPACITY 24  /* the relay's longest text value is 20 bytes; longer ones are refused */
 
 /* The status line, once a second: every item of the line. Numbers that the
  * line did not carry, or carried malformed, stay 0 and their bit in `present`
@@ -32,7 +32,7 @@ extern "C" {
 typedef struct tarnwick_status {
     uint64_t present;
     int32_t camera_detected;                    /* 1 once the camera identified itself */
-    char camera_model[TARNWICK_TEXT_CAPACITY];  /* "Pocket 2", "Osmo Pocket" */
+    char camera_model[TARNWICK_TEXT_CAPACITY];  /* "DJI Pocket 2", "DJI Pocket Osmo", "Unknown camera (N)" */
     char camera_mode[TARNWICK_TEXT_CAPACITY];   /* "photo", "video", "playback" */
     char sd[TARNWICK_TEXT_CAPACITY];            /* free space on the card, as shown */
     int64_t shots_left;
@@ -45,7 +45,7 @@ typedef struct tarnwick_status {
     char resolution[TARNWICK_TEXT_CAPACITY];
     char framerate[TARNWICK_TEXT_CAPACITY];
     char format[2 * TARNWICK_TEXT_CAPACITY];    /* resolution@framerate */
-    int32_t ae;                                 /* exposure program code */
+    int32_t ae;                                 /* 1 while auto exposure is locked */
     char aperture[TARNWICK_TEXT_CAPACITY];
     char shutter[TARNWICK_TEXT_CAPACITY];
     char shutter_set[TARNWICK_TEXT_CAPACITY];
@@ -55,7 +55,7 @@ typedef struct tarnwick_status {
     char image_mode[TARNWICK_TEXT_CAPACITY];
     char color_mode[TARNWICK_TEXT_CAPACITY];
     char wb[TARNWICK_TEXT_CAPACITY];
-    double wb_temp;                             /* kelvin */
+    int32_t wb_temp;                            /* kelvin, whole */
     char ratio[TARNWICK_TEXT_CAPACITY];
     int32_t sensor;                             /* megapixels, 0 until reported */
     char video_std[TARNWICK_TEXT_CAPACITY];
@@ -73,7 +73,7 @@ typedef struct tarnwick_status {
 int tarnwick_status_field_index(const char* key);   /* 0..33, or -1 */
 const char* tarnwick_status_field_name(int index);  /* null outside 0..33 */
 int tarnwick_status_present(const tarnwick_status* status, const char* key);
-/* Field `index` as text, as the line carried it (wb_temp without decimals).
+/* Field `index` as text, as the line carried it.
  * Returns the length, or -1 when the field was not present. */
 int tarnwick_status_field_text(const tarnwick_status* status, int index, char* out, size_t capacity);
 
