@@ -16,6 +16,8 @@ bool IsIsolated();
 // they get a private mount namespace with a fresh tmpfs on /dev/shm, which goes with the process whatever ends it;
 // elsewhere they use the host's. Call once, before any thread starts. Returns true when /dev/shm is private.
 bool EnterPrivateSharedMemory();
+// True when this process's /dev/shm is its own: a test may then use the relay's fixed object names.
+bool IsSharedMemoryPrivate();
 
 #define REQUIRE_ISOLATION()                                                                            \
     do {                                                                                               \
