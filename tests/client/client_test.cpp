@@ -59,7 +59,7 @@ TEST(ClientStatus, StatusLineIntoTypedFields)
     EXPECT_EQ(s.battery_level, 87);
     EXPECT_STREQ(s.format, "3840x2160@30");
     EXPECT_STREQ(s.ev, "+0.3");
-    EXPECT_EQ(s.wb_temp, 5600.0);
+    EXPECT_EQ(s.wb_temp, 5600);
     EXPECT_STREQ(s.antiflicker, "50 Hz");
     EXPECT_EQ(s.histogram, 1);
     EXPECT_STREQ(s.pl_time, "");

@@ -98,9 +98,10 @@ TEST(SharedMemory, CutShortUnderAWriterThenRemovedThenReplaced)
     EXPECT_EQ(SharedMemoryWatch(), 1);
     EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
 
-    // Removed: created anew.
+    // Removed: created anew, once.
     ASSERT_EQ(shm_unlink(object.name.c_str()), 0);
     EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(SharedMemoryWatch(), 0);
     EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
     base[kSize - 1] = 0x77;
     EXPECT_EQ(object.Byte(kSize - 1), 0x77);
@@ -117,6 +118,10 @@ TEST(SharedMemory, CutShortUnderAWriterThenRemovedThenReplaced)
     base[kSize - 2] = 0x66;
     EXPECT_EQ(object.Byte(kSize - 2), 0x66);
     EXPECT_EQ(object.Byte(0), 0x5a);
+    // Repaired, it is left alone: no second remap, no second start-up fill (for the ring: a clear request).
+    EXPECT_EQ(SharedMemoryWatch(), 0);
+    EXPECT_EQ(SharedMemoryWatch(), 0);
+    EXPECT_EQ(init_calls.load(), calls + 1);
 
     SharedMemoryUnmap(&mapping);
     EXPECT_EQ(SharedMemoryWatch(), 0);
