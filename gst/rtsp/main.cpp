@@ -147,6 +147,21 @@ GstBusSyncReply SayMessages(GstBus*, GstMessage* message, gpointer)
     return GST_BUS_PASS;
 }
 
+// gst-rtsp-server hands RTP for TCP clients to an appsink, which its send
+// thread empties as long as some TCP client can take more. With no such
+// client (the only one stopped reading) the appsink would fill and block the
+// whole pipeline, UDP clients and the ring reader included. So it drops its
+// oldest buffers instead: the stalled client loses them (and is dropped as
+// slow once its backlog is too old), the others never wait.
+constexpr guint kAppSinkBuffers = 1000;   // RTP packets: about 1.4 MB
+
+void OnElementAdded(GstBin*, GstBin*, GstElement* element, gpointer)
+{
+    GstElementFactory* factory = gst_element_get_factory(element);
+    if (factory != nullptr && g_strcmp0(GST_OBJECT_NAME(factory), "appsink") == 0)
+        g_object_set(element, "drop", TRUE, "max-buffers", kAppSinkBuffers, nullptr);
+}
+
 void OnMediaConfigure(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer)
 {
     gst_rtsp_media_set_rate_control(media, FALSE);
@@ -159,6 +174,8 @@ void OnMediaConfigure(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer)
         GstBus* bus = gst_pipeline_get_bus(GST_PIPELINE(pipeline));
         gst_bus_set_sync_handler(bus, SayMessages, nullptr, nullptr);
         gst_object_unref(bus);
+        // The streams' sinks join the pipeline when the media is prepared, after this.
+        g_signal_connect(pipeline, "deep-element-added", G_CALLBACK(OnElementAdded), nullptr);
     }
     if (pipeline != nullptr)
         gst_object_unref(pipeline);
@@ -201,9 +218,13 @@ int main(int argc, char** argv)
         return parsed;
 
     gst_init(nullptr, nullptr);
-    // The element is linked in: no plugin path needed, and the installed
-    // plugin, if any, is the same code.
-    if (!tarnwick_src_register(nullptr)) {
+    // The element is linked in, so no plugin path is needed; when GStreamer
+    // knows the installed plugin (the same code, from the same package) that
+    // one is used, as its type may already be registered under the name.
+    GstElementFactory* installed = gst_element_factory_find("tarnwicksrc");
+    if (installed != nullptr)
+        gst_object_unref(installed);
+    else if (!tarnwick_src_register(nullptr)) {
         fprintf(stderr, "%s: cannot register tarnwicksrc\n", kTool);
         return 1;
     }
