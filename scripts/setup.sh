@@ -23,6 +23,7 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev   # the plugin tarnwick, tarnwick-rtsp
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good        # gst-launch-1.0, rtph264pay
   gstreamer1.0-plugins-bad gstreamer1.0-libav                                  # h264parse, avdec_h264
+  valgrind                                                                      # their leak checks
 )
 
 case ${1:-all} in

@@ -1,6 +1,7 @@
 // tarnwick-rtsp: the relay's live video as an RTSP stream, on gst-rtsp-server.
 //
 //   tarnwick-rtsp [--address=0.0.0.0] [--port=8554] [--path=/live] [--ring-name=tarnwickrelay_framebuffer]
+//                 [--poll-interval=1000]
 //
 // One shared media: the first client's DESCRIBE builds the one pipeline
 //
@@ -41,6 +42,7 @@ struct Options {
     long port = 8554;
     std::string path = "/live";
     std::string ring_name = "tarnwickrelay_framebuffer";
+    long poll_interval_us = 1000;
 };
 
 void Usage(FILE* out)
@@ -50,6 +52,7 @@ void Usage(FILE* out)
           "  --port=<n>           RTSP port (default 8554; 0 picks a free one)\n"
           "  --path=<path>        the stream's path (default /live)\n"
           "  --ring-name=<name>   the relay's video ring (default tarnwickrelay_framebuffer)\n"
+          "  --poll-interval=<us> how often the ring is looked at while it has nothing new (default 1000)\n"
           "  --help               this text\n"
           "Serves rtsp://<addr>:<port><path>: H.264 over RTP (UDP or TCP), parameter sets before each key frame.\n",
           out);
@@ -78,10 +81,11 @@ bool PlainPath(const std::string& text)
 
 int ParseOptions(int argc, char** argv, Options* options)
 {
-    enum { kAddress = 1, kPort, kPath, kRingName, kHelp };
+    enum { kAddress = 1, kPort, kPath, kRingName, kPollInterval, kHelp };
     static const struct option long_options[] = {
         {"address", required_argument, nullptr, kAddress}, {"port", required_argument, nullptr, kPort},
         {"path", required_argument, nullptr, kPath},       {"ring-name", required_argument, nullptr, kRingName},
+        {"poll-interval", required_argument, nullptr, kPollInterval},
         {"help", no_argument, nullptr, kHelp},             {nullptr, 0, nullptr, 0},
     };
     for (;;) {
@@ -115,6 +119,10 @@ int ParseOptions(int argc, char** argv, Options* options)
                 fprintf(stderr, "%s: --ring-name: '%s' must hold letters, digits and . _ -\n", kTool, optarg);
                 break;
             }
+            continue;
+        case kPollInterval:
+            if (!ParseToolNumber(kTool, "poll-interval", optarg, 100, 1000000, &options->poll_interval_us))
+                break;
             continue;
         case kHelp: Usage(stdout); return 0;
         default: break;   // getopt_long named the option
@@ -160,6 +168,11 @@ void OnElementAdded(GstBin*, GstBin*, GstElement* element, gpointer)
     GstElementFactory* factory = gst_element_get_factory(element);
     if (factory != nullptr && g_strcmp0(GST_OBJECT_NAME(factory), "appsink") == 0)
         g_object_set(element, "drop", TRUE, "max-buffers", kAppSinkBuffers, nullptr);
+    // Without pacing against the clock: gst-rtsp-server 1.22 leaves its sinks
+    // synchronised (some 200 ms behind) whatever the media's rate control says.
+    if (factory != nullptr && (g_strcmp0(GST_OBJECT_NAME(factory), "multiudpsink") == 0 ||
+                               g_strcmp0(GST_OBJECT_NAME(factory), "appsink") == 0))
+        g_object_set(element, "sync", FALSE, nullptr);
 }
 
 void OnMediaConfigure(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer)
@@ -245,6 +258,7 @@ int main(int argc, char** argv)
 
     GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
     std::string launch = "( tarnwicksrc ring-name=" + options.ring_name +
+                         " poll-interval=" + std::to_string(options.poll_interval_us) +
                          " ! h264parse ! video/x-h264,alignment=au"
                          " ! rtph264pay name=pay0 pt=96 config-interval=-1 )";
     gst_rtsp_media_factory_set_launch(factory, launch.c_str());
