@@ -31,11 +31,15 @@ SharedMapping frame_buffer_mapping;
 SharedMapping transcoding_mapping;
 
 // At start-up each region is all zero bytes but byte 0, which is 1 (for the
-// ring: clear_request).
+// ring: clear_request). Byte 0 goes first, with a release store: a reader of
+// a ring an earlier relay left reads nothing from then on. Zeroed first, a
+// ring showed its readers next_slot 0 and clear_request 0 while the old
+// slots behind were still whole, for as long as the fill of 60 MB took, and a
+// reader took them for new parts.
 void FillAsAtStart(uint8_t* region, size_t size)
 {
-    memset(region, 0, size);
-    region[0] = 1;
+    RingStoreField(region, kRingClearRequestOffset, 1);
+    memset(region + 2, 0, size - 2);
 }
 
 // A ring that another process spoilt while the service runs: its reader is
