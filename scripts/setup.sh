@@ -2,7 +2,7 @@
 # Installs what building, running and testing tarnwickrelay needs (Debian):
 #
 #   scripts/setup.sh              everything for the native builds and their tests
-#   scripts/setup.sh run          only what building the daemon and tools needs
+#   scripts/setup.sh run          only what building the daemon and tools needs (not the GStreamer side)
 #   scripts/setup.sh bench        the native build's packages and gnuplot, which draws the benchmark's figures
 #   scripts/setup.sh cross ARCH   the cross compiler, ARCH's libraries and qemu-user (arm64, armhf)
 #
@@ -20,6 +20,10 @@ packages=(
   clang llvm libclang-rt-14-dev         # fuzzing: libFuzzer, sanitizers, llvm-cov
   python3                               # the fuzz corpus generator, the Python client and its tests
   dpkg-dev lintian systemd              # the Debian package: dependencies, checks, the unit
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev   # the plugin tarnwick, tarnwick-rtsp
+  gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good        # gst-launch-1.0, rtph264pay
+  gstreamer1.0-plugins-bad gstreamer1.0-libav                                  # h264parse, avdec_h264
+  valgrind                                                                      # their leak checks
 )
 
 case ${1:-all} in

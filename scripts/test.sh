@@ -26,6 +26,10 @@ for variant in build: build-asan:address build-tsan:thread; do
   sanitize=${variant#*:}
   echo "=== $dir ${sanitize:+($sanitize)}"
   scripts/build.sh "$dir" "$sanitize"
+  # The GStreamer side is optional at configure time, not here: the plain build must have made it.
+  if [ -z "$sanitize" ] && { [ ! -f "$dir/gst/libgsttarnwick.so" ] || [ ! -x "$dir/tarnwick-rtsp" ]; }; then
+    echo "FAIL: $dir has no GStreamer plugin or tarnwick-rtsp (see the configure messages)"; status=1
+  fi
   runner=()
   [ "$sanitize" = thread ] && runner=("${no_aslr[@]}")
   "${runner[@]}" ctest --test-dir "$dir" --output-on-failure -j4 --timeout 300 || status=1

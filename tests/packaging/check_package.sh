@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # Checks the Debian package as a board would get it:
 #
-#   tests/packaging/check_package.sh <package.deb>        (as root)
+#   tests/packaging/check_package.sh <package.deb> [--gstreamer]       (as root)
+#
+# With --gstreamer (a build that made the GStreamer side) it also wants the
+# plugin in GStreamer's plugin directory, gst-inspect-1.0 finding tarnwicksrc
+# there, tarnwick-rtsp with its page, and its unit verified and not enabled.
 #
 # - its contents and control data (dpkg-deb -c / -I): the programs, the unit,
 #   the defaults conffile, the sysctl file, the NAT clean-up, the manual
 #   pages, the client library with its headers and pkg-config file;
-#   dependencies no wider than the C and C++ runtimes, libcjson1 and ncurses;
+#   dependencies no wider than the C and C++ runtimes, libcjson1 and ncurses
+#   (and GStreamer's own libraries with --gstreamer);
 # - a C++ and a C program build against the client library as installed,
 #   through pkg-config;
 # - lintian reports no error;
@@ -18,6 +23,8 @@
 set -euo pipefail
 [ "$(id -u)" -eq 0 ] || { echo "needs root (namespaces, iptables): skipped"; exit 77; }
 deb=$(realpath "$1")
+gstreamer=false
+[ "${2:-}" = --gstreamer ] && gstreamer=true
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 work=$(mktemp -d)
@@ -32,11 +39,19 @@ for path in ./usr/bin/tarnwickrelay ./usr/bin/tarnwick-camsim ./usr/bin/tarnwick
             ./usr/include/tarnwickclient/client.h ./usr/include/tarnwickclient/interface.h; do
   grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
 done
+if $gstreamer; then
+  for path in ./usr/bin/tarnwick-rtsp ./lib/systemd/system/tarnwick-rtsp.service \
+              ./usr/share/man/man1/tarnwick-rtsp.1.gz ./usr/lib/$(gcc -print-multiarch)/gstreamer-1.0/libgsttarnwick.so; do
+    grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
+  done
+fi
 info=$(dpkg-deb -I "$deb")
 depends=$(sed -n 's/^ Depends: //p' <<<"$info")
 for dependency in ${depends//,/ }; do
   case $dependency in
     libc6|libcjson1|libstdc++6|libgcc-s1|libncursesw6|libtinfo6|\(*|*\)) ;;
+    libglib2.0-0|libgstreamer1.0-0|libgstreamer-plugins-base1.0-0|libgstrtspserver-1.0-0) $gstreamer ||
+      fail "GStreamer dependency $dependency in a package without the GStreamer side" ;;
     *) fail "unexpected run-time dependency $dependency (all: $depends)" ;;
   esac
 done
@@ -60,6 +75,18 @@ gcc -o "$work/c_api_check" "$source_dir/tests/client/c_api_check.c" $(pkg-config
   fail "a C program does not build against the installed client library"
 "$work/c_api_check" || fail "the C program against the installed library"
 
+# The plugin as GStreamer finds it once installed, and the RTSP server's unit: verified, not enabled.
+if $gstreamer; then
+  plugins=$(dirname "$(find "$work/dev" -name libgsttarnwick.so)")
+  GST_REGISTRY=$work/registry.bin GST_PLUGIN_SYSTEM_PATH=$plugins gst-inspect-1.0 tarnwicksrc >"$work/inspect" 2>&1 ||
+    fail "gst-inspect-1.0 does not find tarnwicksrc in the installed plugin: $(cat "$work/inspect")"
+  for property in ring-name start wait-for-sps poll-interval parts lost-parts restarts; do
+    grep -q "^  $property " "$work/inspect" || fail "gst-inspect-1.0 tarnwicksrc does not describe $property"
+  done
+  dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./postinst | grep -q 'tarnwick-rtsp' &&
+    fail "the postinst touches tarnwick-rtsp.service, which stays off until enabled by hand"
+fi
+
 if command -v lintian >/dev/null; then
   errors=$(lintian --tag-display-limit 0 "$deb" 2>/dev/null | grep '^E:' || true)
   [ -z "$errors" ] || fail "lintian: $errors"
@@ -72,7 +99,8 @@ mkdir -p "$work/root"
 dpkg-deb -x "$deb" "$work/root"
 cp -a "$work/root/lib/." "$work/root/usr/lib/"
 if ! unshare -m sh -c "mount -t overlay overlay -o lowerdir=$work/root/usr:/usr /usr &&
-                       systemd-analyze verify --man=no /usr/lib/systemd/system/tarnwickrelay.service" >"$work/verify" 2>&1; then
+                       systemd-analyze verify --man=no /usr/lib/systemd/system/tarnwickrelay.service \
+                         \$(ls /usr/lib/systemd/system/tarnwick-rtsp.service 2>/dev/null)" >"$work/verify" 2>&1; then
   fail "systemd-analyze verify: $(cat "$work/verify")"
 fi
 exposure=$(systemd-analyze security --offline=yes "$work/root/lib/systemd/system/tarnwickrelay.service" 2>&1 |
