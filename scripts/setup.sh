@@ -5,6 +5,8 @@
 #   scripts/setup.sh run          only what building the daemon and tools needs
 #   scripts/setup.sh bench        the native build's packages and gnuplot, which draws the benchmark's figures
 #   scripts/setup.sh cross ARCH   the cross compiler, ARCH's libraries and qemu-user (arm64, armhf)
+#   scripts/setup.sh board        what booting Debian for the boards needs: qemu-system-arm, an arm64 kernel's
+#                                 tools (tests/boot/arm64_boot.sh)
 #
 # As root it installs directly; otherwise through sudo, and only when
 # something is missing.
@@ -20,6 +22,8 @@ packages=(
   clang llvm libclang-rt-14-dev         # fuzzing: libFuzzer, sanitizers, llvm-cov
   python3                               # the fuzz corpus generator, the Python client and its tests
   dpkg-dev lintian systemd              # the Debian package: dependencies, checks, the unit
+  mmdebstrap systemd-container          # the boot test: a Debian root file system, booted by systemd-nspawn
+  python3-venv python3-setuptools python3-wheel   # `pip install ./clients/python` with no network
 )
 
 case ${1:-all} in
