@@ -23,9 +23,9 @@
 # - `systemctl stop`, `apt-get remove` and `apt-get purge` each leave no rule and nothing running; purge
 #   leaves no conffile and no unit.
 #
-# --break=no-stop-post | no-netlink installs a drop-in that spoils the unit (no ExecStopPost; AF_NETLINK not
-# allowed) before the package comes: the checks must then fail. --self-test runs both and passes when every
-# spoilt unit fails the test. Exit 77 (skipped) with the reason where it cannot run: not root, no
+# --break=no-stop-post | no-netlink | writable-run installs a drop-in that spoils the unit (no ExecStopPost;
+# AF_NETLINK not allowed; /run left writable) before the package comes: the checks must then fail. --self-test
+# runs each (with iptables-nft) and passes when every spoilt unit fails the test. Exit 77 (skipped) with the reason where it cannot run: not root, no
 # systemd-nspawn or mmdebstrap, no cgroup v2, no reachable mirror for a root file system not yet cached.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -46,24 +46,26 @@ for argument in "$@"; do
     *) debs+=("$(realpath "$argument")") ;;
   esac
 done
-[ ${#debs[@]} -gt 0 ] || { echo "usage: $0 [--backends=nft,legacy] [--break=no-stop-post|no-netlink] [--self-test] <package.deb>..." >&2; exit 2; }
+[ ${#debs[@]} -gt 0 ] || { echo "usage: $0 [--backends=nft,legacy] [--break=no-stop-post|no-netlink|writable-run] [--self-test] <package.deb>..." >&2; exit 2; }
 
 if [ $self_test -eq 1 ]; then
   # Each spoilt unit must be caught, with one back end each (nft needs AF_NETLINK; the clean-up is the same).
   status=0
-  for what in no-stop-post:nft no-netlink:nft; do
+  log=$(mktemp)
+  for what in no-stop-post:nft no-netlink:nft writable-run:nft; do
     echo "=== self-test: a unit with ${what%%:*} (iptables-${what#*:}) must fail the boot test"
     set +e
-    "$0" --backends="${what#*:}" --break="${what%%:*}" "${debs[@]}" > "/tmp/tarnwick-selftest-${what%%:*}.log" 2>&1
+    "$0" --backends="${what#*:}" --break="${what%%:*}" "${debs[@]}" > "$log" 2>&1
     rc=$?
     set -e
-    grep -E '^(FAIL|SKIPPED)' "/tmp/tarnwick-selftest-${what%%:*}.log" | sed 's/^/    /'
+    grep -E '^(FAIL|SKIPPED)' "$log" | sed 's/^/    /'
     case $rc in
       1) echo "self-test: the unit with ${what%%:*} fails the boot test, as it must" ;;
       77) echo "self-test skipped"; exit 77 ;;
       *) echo "SELF-TEST FAILED: the unit with ${what%%:*} passed the boot test (exit $rc)"; status=1 ;;
     esac
   done
+  rm -f "$log"
   exit $status
 fi
 
@@ -149,6 +151,8 @@ round() {
                                  printf "[Service]\nExecStopPost=\n" > /etc/systemd/system/tarnwickrelay.service.d/broken.conf' ;;
     no-netlink) in_boot sh -c 'mkdir -p /etc/systemd/system/tarnwickrelay.service.d &&
                                printf "[Service]\nRestrictAddressFamilies=\nRestrictAddressFamilies=AF_INET AF_UNIX\n" > /etc/systemd/system/tarnwickrelay.service.d/broken.conf' ;;
+    writable-run) in_boot sh -c 'mkdir -p /etc/systemd/system/tarnwickrelay.service.d &&
+                                 printf "[Service]\nReadOnlyPaths=\n" > /etc/systemd/system/tarnwickrelay.service.d/broken.conf' ;;
     '') ;;
     *) echo "unknown --break=$broken" >&2; exit 2 ;;
   esac
