@@ -1,7 +1,9 @@
 # Booting Debian bookworm under a real systemd for the boot tests (sourced).
 #
-#   boot_rootfs ARCH          -> prints the cached root file system tarball (built by mmdebstrap when missing
-#                                or stale); returns 77 with a reason on standard error when it cannot
+#   boot_rootfs ARCH [PKGS]   -> prints the cached root file system tarball with PKGS (default BOOT_PACKAGES;
+#                                built by mmdebstrap when missing or stale; another architecture than the
+#                                host's needs qemu-user-static's binfmt handlers); returns 77 with a reason on
+#                                standard error when it cannot
 #   boot_start TARBALL DIR    -> unpacks it into DIR and boots it with systemd-nspawn; sets BOOT_INIT (the
 #                                container's PID 1 as the host sees it) and waits for "running"
 #   in_boot CMD...            -> runs a command inside the booted system (all its namespaces), as root
@@ -23,6 +25,12 @@ BOOT_SUITE=bookworm
 BOOT_PACKAGES=systemd,systemd-sysv,dbus,iptables,libcjson1,libncursesw6,g++,make,pkg-config,python3,iproute2,procps
 BOOT_LIB_VERSION=1   # raise when what goes into the tarball changes in a way the key does not show
 BOOT_CACHE=${TARNWICK_BOOT_CACHE:-/var/cache/tarnwickrelay-boot}
+# A root file system with a kernel (booted by qemu-system) gets a small initrd: the virtio disk and ext4 only,
+# instead of most of the kernel's modules, which under qemu-user take mkinitramfs a quarter of an hour.
+BOOT_INITRAMFS_HOOK='mkdir -p "$1/etc/initramfs-tools/conf.d" "$1/etc/initramfs-tools/hooks" &&
+  echo MODULES=list > "$1/etc/initramfs-tools/conf.d/tarnwick-boot.conf" &&
+  printf "#!/bin/sh\n[ \"\$1\" = prereqs ] && exit 0\n. /usr/share/initramfs-tools/hook-functions\nmanual_add_modules virtio_blk virtio_pci virtio_mmio ext4\n" > "$1/etc/initramfs-tools/hooks/tarnwick-boot" &&
+  chmod 755 "$1/etc/initramfs-tools/hooks/tarnwick-boot"'
 
 boot_log() { echo "[boot $(date +%T)] $*" >&2; }
 
@@ -37,8 +45,11 @@ boot_sources() {
 
 boot_rootfs() {
   local arch=$1
+  local packages=${2:-$BOOT_PACKAGES}
   local key tarball sources age
-  key=$(printf '%s\n' "$BOOT_SUITE" "$arch" apt "$BOOT_PACKAGES" "$BOOT_LIB_VERSION" | sha256sum | cut -c1-16)
+  local hooks=()
+  case ,$packages, in *,linux-image-*) hooks=(--essential-hook="$BOOT_INITRAMFS_HOOK") ;; esac
+  key=$(printf '%s\n' "$BOOT_SUITE" "$arch" apt "$packages" "$BOOT_LIB_VERSION" "${hooks[@]}" | sha256sum | cut -c1-16)
   tarball=$BOOT_CACHE/$BOOT_SUITE-$arch-$key.tar
   mkdir -p "$BOOT_CACHE"
   exec {lock}>"$BOOT_CACHE/lock"
@@ -73,7 +84,7 @@ boot_rootfs() {
   fi
   boot_log "making the $arch root file system with mmdebstrap (cached in $BOOT_CACHE)"
   local started=$SECONDS
-  if ! mmdebstrap --quiet --variant=apt --format=tar --architectures="$arch" --include="$BOOT_PACKAGES" \
+  if ! mmdebstrap --quiet --variant=apt --format=tar --architectures="$arch" --include="$packages" "${hooks[@]}" \
          "$BOOT_SUITE" "$tarball.new" "$probe/sources.list" >"$probe/mmdebstrap.log" 2>&1; then
     cat "$probe/mmdebstrap.log" >&2
     rm -rf "$probe" "$tarball.new"
@@ -82,7 +93,7 @@ boot_rootfs() {
     return 1
   fi
   rm -rf "$probe"
-  rm -f "$BOOT_CACHE/$BOOT_SUITE-$arch-"*.tar   # older keys
+  find "$BOOT_CACHE" -name "$BOOT_SUITE-$arch-*.tar" -mtime +"${TARNWICK_BOOT_CACHE_DAYS:-7}" -delete   # stale keys
   mv "$tarball.new" "$tarball"
   boot_log "root file system made in $((SECONDS - started)) s: $tarball"
   flock -u "$lock"
