@@ -63,6 +63,13 @@ boot_rootfs() {
     fi
     boot_log "the cached root file system is $age days old: made anew"
   fi
+  local qemu_arch=
+  case $arch in arm64) qemu_arch=aarch64 ;; armhf) qemu_arch=arm ;; esac
+  if [ "$arch" != "$(dpkg --print-architecture)" ] && ! grep -qsx enabled "/proc/sys/fs/binfmt_misc/qemu-$qemu_arch"; then
+    flock -u "$lock"
+    echo "no binfmt handler for $arch programs (mmdebstrap runs the packages' scripts through it): scripts/setup.sh board" >&2
+    return 77
+  fi
   sources=$(boot_sources "$arch")
   if [ -z "$sources" ]; then
     flock -u "$lock"
