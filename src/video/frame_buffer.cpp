@@ -65,12 +65,20 @@ void RequestRingClear(uint8_t* region, size_t)
 }
 
 // Maps the region (see the header) and fills it as at start-up; `repair`
-// brings it back to that state after another process spoilt it.
+// brings it back to that state after another process spoilt it. A region
+// made just now already reads as zero bytes: only byte 0 is set. The fill
+// writes every byte of one left by an earlier run (73 MB for both regions),
+// which on a loaded board, and in an instrumented build, holds the start
+// back by seconds before the camera link opens.
 uint8_t* OpenRegion(SharedMapping* mapping, const char* name, uint32_t size, SharedMemoryInit repair)
 {
-    if (SharedMemoryMap(mapping, name, size, true, nullptr, nullptr, nullptr) != 0)
+    SharedMemoryOrigin origin = SharedMemoryOrigin::kOpened;
+    if (SharedMemoryMap(mapping, name, size, true, nullptr, nullptr, &origin) != 0)
         return nullptr;
-    FillAsAtStart(mapping->base, size);
+    if (origin == SharedMemoryOrigin::kCreated)
+        RingStoreField(mapping->base, kRingClearRequestOffset, 1);
+    else
+        FillAsAtStart(mapping->base, size);
     mapping->init = repair;
     return mapping->base;
 }
