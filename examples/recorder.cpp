@@ -23,6 +23,8 @@ struct Recorder {
     FILE* video = nullptr;
     bool recording = false;      // as the camera reports it
     bool ring_open = false;
+    bool movement_sent = false;  // to the relay that runs now
+    unsigned relay_restarts = 0;
 };
 
 Recorder recorder;
@@ -39,10 +41,10 @@ void ShowStatus(const tarnwick::Status& s)
            s.shutter_set, s.ev, recorder.recording ? ", RECORDING" : "");
 }
 
-void SendCommand(const char* cmd, const char* param)
+void SendCommand(const char* cmd, const char* param, const char* value = nullptr)
 {
     char text[128];
-    int length = tarnwick::FormatCommand(text, sizeof text, cmd, param);
+    int length = tarnwick::FormatCommand(text, sizeof text, cmd, param, value);
     if (length < 0 || tarnwick_link_send(recorder.link, text, static_cast<size_t>(length)) != 0)
         printf("not sent (the relay has not been heard yet): %s\n", text);
     else
@@ -64,6 +66,24 @@ void ReceiveReport()
 {
     tarnwick::Report report;
     int kind = tarnwick_link_receive(recorder.link, 0, &report);
+    if (kind == TARNWICK_LINK_TIMEOUT)
+        return;
+    if (kind < 0) {
+        perror("status port");
+        return;
+    }
+    // A relay that started again knows nothing of what it was told: the
+    // remote control's sticks wait for the movement mode.
+    unsigned restarts = tarnwick_link_relay_restarts(recorder.link);
+    if (restarts != recorder.relay_restarts) {
+        printf("the relay started again\n");
+        recorder.relay_restarts = restarts;
+        recorder.movement_sent = false;
+    }
+    if (!recorder.movement_sent && tarnwick_link_relay_known(recorder.link)) {
+        SendCommand("set", "movement", "abs");
+        recorder.movement_sent = true;
+    }
     if (kind == TARNWICK_REPORT_STATUS) {
         ShowStatus(report.status);
     } else if (kind == TARNWICK_REPORT_STATE && (report.state.recording != 0) != recorder.recording) {
@@ -122,10 +142,11 @@ int main(int argc, char** argv)
             running = false;
         }
     }
-    printf("%llu video parts, %llu bytes, %llu parts lost\n",
+    printf("%llu video parts, %llu bytes, %llu parts lost, %llu restarts of the relay's ring\n",
            static_cast<unsigned long long>(recorder.ring.counts.parts),
            static_cast<unsigned long long>(recorder.ring.counts.bytes),
-           static_cast<unsigned long long>(recorder.ring.counts.lost_parts));
+           static_cast<unsigned long long>(recorder.ring.counts.lost_parts),
+           static_cast<unsigned long long>(recorder.ring.counts.restarts));
     tarnwick::RingReaderClose(&recorder.ring);
     tarnwick_link_close(recorder.link);
     return fclose(recorder.video) == 0 ? 0 : 1;

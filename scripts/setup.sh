@@ -5,6 +5,9 @@
 #   scripts/setup.sh run          only what building the daemon and tools needs (not the GStreamer side)
 #   scripts/setup.sh bench        the native build's packages and gnuplot, which draws the benchmark's figures
 #   scripts/setup.sh cross ARCH   the cross compiler, ARCH's libraries and qemu-user (arm64, armhf)
+#   scripts/setup.sh board        what booting an arm64 Debian needs (tests/boot/arm64_boot.sh): qemu-system-arm,
+#                                 and qemu-user-static's binfmt handlers, through which mmdebstrap makes its root
+#                                 file system (binfmt_misc is mounted when it is not)
 #
 # As root it installs directly; otherwise through sudo, and only when
 # something is missing.
@@ -24,11 +27,17 @@ packages=(
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good        # gst-launch-1.0, rtph264pay
   gstreamer1.0-plugins-bad gstreamer1.0-libav                                  # h264parse, avdec_h264
   valgrind                                                                      # their leak checks
+  mmdebstrap systemd-container          # the boot test: a Debian root file system, booted by systemd-nspawn
+  python3-venv python3-setuptools python3-wheel   # `pip install ./clients/python` with no network
 )
 
 case ${1:-all} in
   run) packages=(build-essential cmake pkg-config libcjson-dev libncurses-dev ffmpeg x264 iproute2) ;;
   bench) packages+=(gnuplot-nox) ;;
+  board)
+    packages=(qemu-system-arm qemu-user-static binfmt-support arch-test mmdebstrap e2fsprogs)
+    board=1
+    ;;
   cross)
     arch=${2:?usage: scripts/setup.sh cross arm64|armhf}
     case $arch in
@@ -47,12 +56,21 @@ if [ -n "${arch:-}" ] && ! dpkg --print-foreign-architectures | grep -qx "$arch"
   as_root apt-get update || true   # a mirror in sync may fail one index; the install below says what is missing
 fi
 
+if [ -n "${board:-}" ] && [ -d /proc/sys/fs/binfmt_misc ] && ! mountpoint -q /proc/sys/fs/binfmt_misc; then
+  as_root mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc || true
+fi
+
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
-
-export DEBIAN_FRONTEND=noninteractive
-apt_install() { as_root apt-get -o DPkg::Lock::Timeout=600 install -y --no-install-recommends "$@"; }
-apt_install "${missing[@]}" || { as_root apt-get update || true; apt_install "${missing[@]}"; }
+if [ ${#missing[@]} -gt 0 ]; then
+  export DEBIAN_FRONTEND=noninteractive
+  apt_install() { as_root apt-get -o DPkg::Lock::Timeout=600 install -y --no-install-recommends "$@"; }
+  apt_install "${missing[@]}" || { as_root apt-get update || true; apt_install "${missing[@]}"; }
+fi
+# binfmt-support registers qemu-user-static's handlers when it is installed (and binfmt_misc mounted); one
+# missing or disabled is enabled.
+if [ -n "${board:-}" ] && ! grep -qsx enabled /proc/sys/fs/binfmt_misc/qemu-aarch64; then
+  as_root update-binfmts --enable qemu-aarch64 || true
+fi

@@ -219,6 +219,10 @@ class AppLink:
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind((host, port))
         self.relay = None          # (host, port) of the last status datagram
+        # Times the relay started again: each start binds a new command port,
+        # so status from a new source is a new relay. Send the movement mode
+        # again when this grows.
+        self.restarts = 0
 
     def close(self):
         self.sock.close()
@@ -231,17 +235,21 @@ class AppLink:
 
     def receive(self, timeout=2.0):
         """The next datagram parsed (see parse_datagram), or None at the
-        time-out. A datagram that does not parse is returned as bytes."""
+        time-out; an error of the socket raises OSError. A datagram that does
+        not parse is returned as bytes (and does not tell the relay's port)."""
         self.sock.settimeout(timeout)
         try:
             data, source = self.sock.recvfrom(65536)
         except socket.timeout:
             return None
-        self.relay = source
         try:
-            return parse_datagram(data)
+            message = parse_datagram(data)
         except ValueError:
             return data
+        if self.relay is not None and source != self.relay:
+            self.restarts += 1
+        self.relay = source
+        return message
 
     def status(self, timeout=3.0, where=None):
         """The next StatusRecord (for which `where(record)` holds), or None."""
@@ -329,61 +337,137 @@ def map_shared(name, size, writable=True):
         os.close(fd)
 
 
+def starts_with_parameter_set(data):
+    """True when a part begins with a four-byte start code and a sequence
+    parameter set: where a decoder can join the stream."""
+    return len(data) >= 5 and data[:4] == b"\x00\x00\x00\x01" and data[4] & 0x0F == 7
+
+
 class RingReader:
-    """Follows the video ring and rebuilds the H.264 byte stream.
+    """Follows the video ring and rebuilds the H.264 byte stream, by the same
+    rules as the C and C++ client library (tarnwickclient/client.h).
 
     Python has no acquire loads. The reader reads each 16-bit header field
     with one aligned load (a memoryview of unsigned shorts), copies a slot
-    only while next_slot stands past it, and after the copy reads next_slot
-    and the slot header again: when the writer stands at that slot or the
-    header changed, the slot was overwritten during the copy and the copy is
-    dropped. A slot whose marks are not all 1 or whose length is out of range
-    is not a written slot. See docs/interface.md for what this does not cover
-    on weakly ordered processors."""
+    only while next_slot stands past it, and after the copy reads next_slot,
+    the slot header and clear_request again: when the writer stands at that
+    slot or the header changed, the slot was overwritten during the copy and
+    the copy is dropped (an overrun); when clear_request is set, a clear began
+    and nothing more is read until it is done. A slot whose marks are not all
+    1 or whose length is out of range is not a written slot. See
+    docs/interface.md for what this does not cover on weakly ordered
+    processors.
 
-    def __init__(self, region, from_start=False):
+    Restarts (the relay started again, a clear, the object replaced or cut
+    short) are counted in `restarts`, never as lost parts. With
+    `start_at_parameter_set`, after opening and after every break (a
+    restart, lost parts, an overrun) nothing is handed out before a part
+    that starts with a sequence parameter set."""
+
+    IDENTITY_CHECK_SECONDS = 0.1
+
+    def __init__(self, region, from_start=False, start_at_parameter_set=False, name=None):
         self.region = region
         self.fields = memoryview(region)[:RING_HEADER_SIZE].cast("H")
+        self.start_at_parameter_set = start_at_parameter_set
+        self.name = name           # set by open(): the object is watched for a replacement
         self.parts = 0             # parts begun (chunk 0 delivered)
         self.bytes = 0
         self.lost_parts = 0
+        self.overruns = 0          # times the reader fell a whole ring behind
+        self.restarts = 0          # clears seen and objects replaced: the writer started again
+        self._identity = self._named_identity() if name is not None else None
+        self._identity_checked = time.monotonic()
+        self._start(from_start)
+
+    def _start(self, from_start):
         self._part = 0
         self._next_chunk = 0
-        self._in_part = False
-        self._have_previous = False
+        self._own_clear = False
+        self._restart_noticed = False
+        writer = self._writer_slot()      # next_slot before clear_request (see poll)
         self._clear_pending = self.fields[_CLEAR_REQUEST] != 0
-        if from_start or self._clear_pending:
-            self.slot = 0
-        else:
-            self.slot = self._writer_slot()
+        self.slot = 0 if from_start or self._clear_pending else writer
+        self._writer_seen = not self._clear_pending and (writer != 0 or self.fields[_LAST_PART] != 0)
+        self._break()
 
     @classmethod
-    def open(cls, name=RING_NAME, from_start=False):
+    def open(cls, name=RING_NAME, from_start=False, start_at_parameter_set=False):
         """A reader of the named ring, or None while it does not exist."""
         region = map_shared(name, RING_SIZE)
-        return None if region is None else cls(region, from_start)
+        return None if region is None else cls(region, from_start, start_at_parameter_set, name)
 
     def close(self):
         self.fields.release()
         self.region.close()
 
+    def _named_identity(self):
+        try:
+            named = os.stat(os.path.join(SHM_DIR, self.name))
+        except OSError:
+            return None
+        return named.st_dev, named.st_ino
+
+    def _replaced(self):
+        """True when the name now stands for another object (removed and made
+        anew): this mapping will never be written again. Looked at every
+        IDENTITY_CHECK_SECONDS at most."""
+        if self.name is None:
+            return False
+        now = time.monotonic()
+        if now - self._identity_checked < self.IDENTITY_CHECK_SECONDS:
+            return False
+        self._identity_checked = now
+        identity = self._named_identity()
+        if identity is None:
+            return False                    # not (yet) there again: keep what is mapped
+        if self._identity is None:
+            self._identity = identity
+            return False
+        return identity != self._identity
+
+    def _remap(self):
+        """Maps the object that now has the name, at its live edge. False
+        while it cannot be mapped (missing, or not yet of its full size)."""
+        region = map_shared(self.name, RING_SIZE)
+        if region is None:
+            return False
+        self.fields.release()
+        self.region.close()
+        self.region = region
+        self.fields = memoryview(region)[:RING_HEADER_SIZE].cast("H")
+        self._identity = self._named_identity()
+        self._start(False)
+        return True
+
     def _writer_slot(self):
         slot = self.fields[_NEXT_SLOT]
         return slot if slot < RING_SLOT_COUNT else 0
 
-    def _resync(self, slot, keep_loss_count):
-        self.slot = slot
+    def _break(self):
+        """What comes next does not continue what was handed out."""
         self._in_part = False
-        if not keep_loss_count:
-            self._have_previous = False
+        self._have_previous = False
+        self._awaiting_parameter_set = self.start_at_parameter_set
+
+    def _writer_clears(self):
+        if not self._own_clear and self._writer_seen:
+            self.restarts += 1              # a ring's first start after opening it is no restart
+        self._break()
+        self._own_clear = False
+
+    def _await_clear(self):
+        if not self._clear_pending:
+            self._clear_pending = True
+            self._writer_clears()
 
     def request_clear(self):
         """Asks the writer to clear the ring; its next part lands in slot 0
-        and is the first one read."""
+        and is the first one read. Not counted as a restart."""
         self.fields[_CLEAR_REQUEST] = 1
-        self._clear_pending = True
+        self._own_clear = True
 
-    def _accept(self, part, index):
+    def _accept(self, part, index, data):
         if index != 0:
             continues = self._in_part and part == self._part and index == self._next_chunk
             if continues:
@@ -391,8 +475,17 @@ class RingReader:
             else:
                 self._in_part = False       # the rest of a part whose start was lost
             return continues
+        joinable = starts_with_parameter_set(data)
         if self._have_previous:
-            self.lost_parts += (part - self._part - 1) & 0xFFFF
+            gap = (part - self._part - 1) & 0xFFFF
+            self.lost_parts += gap
+            if gap and not joinable:
+                self._break()               # the picture is broken until the next parameter set
+        if self._awaiting_parameter_set:
+            if not joinable:
+                self._in_part = False
+                return False
+            self._awaiting_parameter_set = False
         self._in_part = True
         self._have_previous = True
         self._part = part
@@ -415,40 +508,68 @@ class RingReader:
     def poll(self):
         """The chunks complete behind next_slot, in stream order, as a list
         of bytes (empty when nothing is new, or while the object is cut
-        short)."""
+        short or being replaced)."""
+        if self._replaced():
+            self._writer_clears()
+            if not self._remap():
+                self._identity = None       # mapped as soon as it can be
+                return []
         if self._object_short():
             return []
-        if self.fields[_CLEAR_REQUEST] != 0:
-            self._clear_pending = True
-            return []
+        if self._restart_noticed:
+            self._restart_noticed = False
+            self._writer_clears()
+        chunks = []
+        writer = self._writer_slot()
+        if self.fields[_CLEAR_REQUEST] != 0:     # loaded after next_slot: a clear raises it first
+            self._await_clear()
+            return chunks
         if self._clear_pending:
             self._clear_pending = False     # cleared: parts start again at slot 0
-            self._resync(0, False)
-        chunks = []
+            self._writer_seen = True
+            self.slot = 0
+            self._break()
         restarted = False
-        writer = self._writer_slot()
         while self.slot != writer:
             base = _slot_offset(self.slot)
             header = _written_header(self.region[base:base + RING_SLOT_HEADER_SIZE])
             if header is None:
-                # Cleared since it was passed: the newest parts start at slot 0.
+                if self.fields[_CLEAR_REQUEST] != 0:
+                    self._await_clear()
+                    return chunks
+                # Cleared since next_slot was loaded and written again from
+                # slot 0: the writer started again. Once per poll, so that
+                # junk cannot keep the reader circling.
                 if not restarted and self.slot != 0:
-                    self._resync(0, False)
+                    self.slot = 0
                     restarted = True
+                    if chunks:
+                        # One poll never returns both sides of a restart: the
+                        # chunks are the old run's, the restart counts next.
+                        self._restart_noticed = True
+                        return chunks
+                    self._writer_clears()
                 else:
-                    writer = self._writer_slot()
-                    self._resync(writer, False)
+                    self._break()
+                    self.slot = self._writer_slot()
+                writer = self._writer_slot()
                 continue
+            self._writer_seen = True
             length, part, index = header
             data = self.region[base + RING_SLOT_HEADER_SIZE:base + RING_SLOT_HEADER_SIZE + length]
             writer_now = self._writer_slot()
             after = _written_header(self.region[base:base + RING_SLOT_HEADER_SIZE])
+            if self.fields[_CLEAR_REQUEST] != 0:
+                self._await_clear()         # a clear began during the copy
+                return chunks
             if writer_now == self.slot or after != header:
-                writer = writer_now         # overwritten while copied: a whole ring behind
-                self._resync(writer, True)
+                self.overruns += 1          # overwritten while copied: a whole ring behind
+                writer = writer_now
+                self.slot = writer
+                self._in_part = False
                 continue
             self.slot = self.slot + 1 if self.slot + 1 < RING_SLOT_COUNT else 0
-            if self._accept(part, index):
+            if self._accept(part, index, data):
                 chunks.append(data)
                 self.bytes += length
         return chunks

@@ -44,6 +44,7 @@ struct RcControlState {
     uint8_t moving;                      // a stick was off centre: centring calls owed
     bool open_failed;                    // an attempt to map the record has failed
     uint32_t last_open_attempt_ms;
+    uint32_t generation_seen;            // the mapping's generation at the last cycle's copy
 };
 RcControlState rc;
 
@@ -291,13 +292,19 @@ void WatchTracking()
 
 // The slots and flags as the remote-control process left them, copied once
 // per cycle; neutral (all zero: sticks centred, nothing pressed, no flag)
-// while the mapping does not show the object, or when it was spoilt or
-// restored during the copy.
+// while the mapping does not show the object, when it was spoilt or restored
+// during the copy, and in the first cycle after it was spoilt or restored
+// since the last: an object that was cut short or replaced went through
+// neutral input, and every edge re-arms whether or not a cycle happened to
+// fall into that moment. Without that, a button held before the object was
+// restored and pressed again in the restored one would not fire when no
+// cycle (one a second before a movement mode is chosen) saw it released.
 const RcRawState* TakeSnapshot()
 {
     RcRawState* snapshot = &rc.snapshot;
     uint32_t generation = SharedMemoryGeneration(&rc.mapping);
-    bool usable = SharedMemoryUsable(&rc.mapping);
+    bool usable = SharedMemoryUsable(&rc.mapping) && generation == rc.generation_seen;
+    rc.generation_seen = generation;
     for (size_t slot = 0; usable && slot < kRcSlotCount; ++slot) {
         snapshot->slot_value[slot] = LoadRcSlotValue(rc.record, slot);
         snapshot->slot_flag[slot] = LoadRcSlotFlag(rc.record, slot);
@@ -365,6 +372,7 @@ RcRawState* OpenRcRawState()
         return nullptr;
     }
     rc.record = reinterpret_cast<RcRawState*>(rc.mapping.base);
+    rc.generation_seen = SharedMemoryGeneration(&rc.mapping);
     return rc.record;
 }
 

@@ -37,7 +37,8 @@
 // shrinks or replaces the object cannot make a read fault (see
 // net/shared_memory.h): the cycle copies the slots once per cycle and reads
 // neutral input (sticks centred, nothing pressed) while the mapping does not
-// show the object; the service's watch restores it within about a second.
+// show the object and for one cycle after it shows it again, so that every
+// edge re-arms; the service's watch restores it within about a second.
 // A thread that cannot be started is reported as
 // "Remote control thread not started\n"; the relay runs on without it.
 #include <cstddef>

@@ -100,6 +100,26 @@ size_t PageRounded(size_t size)
     return (size + page - 1) / page * page;
 }
 
+// Gives the object behind `fd` the access the mapping recorded when first
+// mapped (see the header).
+void RestoreAccess(SharedMapping* mapping, int fd, const struct stat& status)
+{
+    bool group_differs = status.st_gid != mapping->access_group;
+    bool mode_differs = (status.st_mode & 07777) != mapping->access_mode;
+    if (!group_differs && !mode_differs)
+        return;
+    if ((group_differs && fchown(fd, static_cast<uid_t>(-1), mapping->access_group) != 0) ||
+        fchmod(fd, mapping->access_mode) != 0) {
+        if (!mapping->access_failed)
+            fprintf(stderr, "Shared memory %s: mode %04o, group %u not restored: %s\n", mapping->name,
+                    static_cast<unsigned>(mapping->access_mode), static_cast<unsigned>(mapping->access_group),
+                    strerror(errno));
+        mapping->access_failed = true;
+        return;
+    }
+    mapping->access_failed = false;
+}
+
 // Puts object `fd` behind the mapping's address again, sized; the record then
 // refers to it. Returns 0 or -1 (the record unchanged).
 int MapAgain(SharedMapping* mapping, int fd)
@@ -109,6 +129,7 @@ int MapAgain(SharedMapping* mapping, int fd)
     struct stat status;
     if (fstat(fd, &status) != 0)
         return -1;
+    RestoreAccess(mapping, fd, status);
     mapping->spoilt.store(false, std::memory_order_release);
     if (!RemapInPlace(mapping, MAP_SHARED, fd)) {
         mapping->spoilt.store(true, std::memory_order_release);
@@ -222,6 +243,9 @@ int SharedMemoryMap(SharedMapping* mapping, const char* name, size_t size, bool 
     mapping->inode = status.st_ino;
     mapping->spoilt.store(false, std::memory_order_relaxed);
     mapping->repair_failed = false;
+    mapping->access_mode = status.st_mode & 07777;
+    mapping->access_group = status.st_gid;
+    mapping->access_failed = false;
     bool registered_now = false;
     for (std::atomic<SharedMapping*>& slot : registered) {
         SharedMapping* empty = nullptr;

@@ -20,6 +20,13 @@
 //   name) is opened, sized and mapped anew at the same address; one removed
 //   and not re-created is created anew, as start-up does. Each event is said
 //   once on standard error, and the object's initialiser runs as at start-up.
+// - An object's access stays what it was when first mapped. The relay creates
+//   an object with mode 0600 only when none is there; when the board made it
+//   ahead (tmpfiles.d: the group of the main application, 0660), an object
+//   made anew or found replaced gets that mode and group back (fchmod as its
+//   owner, fchown to a group the relay is in: no capability needed). When that
+//   fails it is said once: "Shared memory NAME: mode MODE, group GID not
+//   restored: REASON".
 // - Readers that must not act on scratch or half-restored content (the
 //   remote-control cycle) compare SharedMemoryGeneration before and after they
 //   copy, and treat a spoilt object as unusable.
@@ -50,6 +57,9 @@ struct SharedMapping {
     std::atomic<bool> spoilt{false};     // a fault found it short; scratch pages are mapped
     std::atomic<uint32_t> generation{0}; // changes whenever the content behind `base` may have changed
     bool repair_failed = false;          // the last repair failed (said once)
+    mode_t access_mode = 0;              // permission bits and group when first mapped, given back on repair
+    gid_t access_group = 0;
+    bool access_failed = false;          // giving them back failed (said once)
 };
 
 // How SharedMemoryMap found the object.

@@ -199,6 +199,7 @@ void* StatusThreadMain(void* camera_state)
 {
     CameraState* state = camera_state != nullptr ? static_cast<CameraState*>(camera_state) : GetCameraState();
     static CameraState copy;  // only this thread uses it
+    TickSchedule schedule;    // the rates hold on a loaded machine (see net/clock.h)
     for (uint32_t tick = 0;; ++tick) {
         AgeAndCopy(state, &copy);
         bool stream_live = IsCameraStreamSeen();
@@ -213,7 +214,7 @@ void* StatusThreadMain(void* camera_state)
             if (tick % kRecordingNoticeTicks == 0)
                 outputs.send_notice(RecordingNotice(copy.camera_flags));
         }
-        SleepMs(kStatusTickMs);
+        SleepUntilNextTick(&schedule, kStatusTickMs);
     }
     return nullptr;
 }

@@ -15,6 +15,8 @@
 //
 // The status thread takes one copy of CameraState per 100 ms tick (under
 // camera_state_lock) and builds every message of that tick from the copy.
+// The ticks keep a fixed schedule (SleepUntilNextTick), so the rates hold
+// when a tick starts late.
 // It is never stopped: the process ends with exit(), which ends it too.
 
 constexpr uint32_t kStatusTickMs = 100;

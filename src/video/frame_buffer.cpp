@@ -31,15 +31,28 @@ SharedMapping frame_buffer_mapping;
 SharedMapping transcoding_mapping;
 
 // At start-up each region is all zero bytes but byte 0, which is 1 (for the
-// ring: clear_request). Byte 0 goes first, with a release store: a reader of
-// a ring an earlier relay left reads nothing from then on. Zeroed first, a
-// ring showed its readers next_slot 0 and clear_request 0 while the old
-// slots behind were still whole, for as long as the fill of 60 MB took, and a
-// reader took them for new parts.
+// ring: clear_request). The ring may hold a previous run's parts, and readers
+// may be following it: clear_request goes up first, and only then is the rest
+// zeroed. A reader that sees any zeroed byte (next_slot 0 among them) then
+// also sees the request, and reads nothing until the writer has cleared the
+// ring for its first part. (Zeroing first would show next_slot 0 beside the
+// old slots, which a reader would take for the newest parts.)
 void FillAsAtStart(uint8_t* region, size_t size)
 {
     RingStoreField(region, kRingClearRequestOffset, 1);
-    memset(region + 2, 0, size - 2);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);   // the request before any zero byte
+    memset(region + sizeof(uint16_t), 0, size - sizeof(uint16_t));
+}
+
+// Empties the ring for the writer's next part. clear_request stays set while
+// the slots are zeroed and goes down last, after next_slot and last_part are 0:
+// a reader that sees it down finds no slot of before the clear.
+void ClearRing(uint8_t* ring, size_t size)
+{
+    memset(ring + kRingHeaderSize, 0, size - kRingHeaderSize);
+    memset(ring + kRingLastPartOffset, 0, kRingHeaderSize - kRingLastPartOffset);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    RingStoreField(ring, kRingClearRequestOffset, 0);
 }
 
 // A ring that another process spoilt while the service runs: its reader is
@@ -131,8 +144,7 @@ void QueueVideoPart(const uint8_t* data, uint32_t length)
     if (ring == nullptr)
         return;
     if (RingLoadField(ring, kRingClearRequestOffset) != 0) {
-        // Also zeroes next_slot and clear_request.
-        memset(ring, 0, video_stream.frame_buffer_size);
+        ClearRing(ring, video_stream.frame_buffer_size);
         fputs("Clear frame shared memory\n", stderr);
     }
 

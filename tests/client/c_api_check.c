@@ -33,7 +33,8 @@ int main(void)
     tarnwick_link* link = tarnwick_link_open("127.0.0.1", 0);
     Check(link != NULL && !tarnwick_link_relay_known(link), "a link");
     Check(tarnwick_link_send(link, command, strlen(command)) == -1, "no send before the relay is heard");
-    Check(tarnwick_link_receive(link, 10, &report) == -1, "a time-out");
+    Check(tarnwick_link_receive(link, 10, &report) == TARNWICK_LINK_TIMEOUT, "a time-out");
+    Check(tarnwick_link_relay_restarts(link) == 0, "no restart heard");
     tarnwick_link_close(link);
 
     Check(tarnwick_ring_open("tarnwick_no_such_ring", 1) == NULL, "no ring");

@@ -1,9 +1,12 @@
 // The client library against bytes written here from the documented layouts: status datagrams into records,
 // command datagrams out, the remote-control record, and the ring reader over a ring laid out by hand (not by the
 // relay's writer), including a reader overtaken by the writer and an object cut short or made anew under it.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -56,7 +59,7 @@ TEST(ClientStatus, StatusLineIntoTypedFields)
     EXPECT_EQ(s.battery_level, 87);
     EXPECT_STREQ(s.format, "3840x2160@30");
     EXPECT_STREQ(s.ev, "+0.3");
-    EXPECT_EQ(s.wb_temp, 5600.0);
+    EXPECT_EQ(s.wb_temp, 5600);
     EXPECT_STREQ(s.antiflicker, "50 Hz");
     EXPECT_EQ(s.histogram, 1);
     EXPECT_STREQ(s.pl_time, "");
@@ -207,6 +210,37 @@ TEST(ClientRecords, RemoteControlValuesAndFlagsAtTheirOffsets)
     tarnwick::RcWriterClose(&writer);
 }
 
+// Two "relays" on loopback, each its own socket (a restarted relay binds a new command port): the link counts
+// the change of source as a restart and sends commands to the newest; junk tells nothing; a time-out is not -1.
+TEST(ClientLink, StatusFromANewSourceIsARestartedRelay)
+{
+    tarnwick_link* link = tarnwick_link_open("127.0.0.1", 0);
+    ASSERT_NE(link, nullptr);
+    struct sockaddr_in address;
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(tarnwick_link_fd(link), reinterpret_cast<struct sockaddr*>(&address), &length), 0);
+    int relays[2] = {socket(AF_INET, SOCK_DGRAM, 0), socket(AF_INET, SOCK_DGRAM, 0)};
+    auto send_from = [&](int relay, const char* text) {
+        sendto(relay, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
+    };
+    tarnwick::Report report;
+    send_from(relays[0], "\x07" "camera_detected=1,");
+    EXPECT_EQ(tarnwick_link_receive(link, 1000, &report), TARNWICK_REPORT_STATUS);
+    send_from(relays[1], "\x09junk");
+    EXPECT_EQ(tarnwick_link_receive(link, 1000, &report), TARNWICK_REPORT_UNKNOWN);
+    EXPECT_EQ(tarnwick_link_relay_restarts(link), 0u);
+    send_from(relays[1], "\x07" "camera_detected=1,");
+    EXPECT_EQ(tarnwick_link_receive(link, 1000, &report), TARNWICK_REPORT_STATUS);
+    EXPECT_EQ(tarnwick_link_relay_restarts(link), 1u);
+    EXPECT_EQ(tarnwick_link_send(link, "!{}", 3), 0);
+    char command[8] = {};
+    EXPECT_EQ(recv(relays[1], command, sizeof command, MSG_DONTWAIT), 3) << "to the newest relay";
+    EXPECT_EQ(tarnwick_link_receive(link, 10, &report), TARNWICK_LINK_TIMEOUT);
+    close(relays[0]);
+    close(relays[1]);
+    tarnwick_link_close(link);
+}
+
 // A ring written here from the documented layout, slot by slot.
 class HandRing {
 public:
@@ -236,6 +270,20 @@ public:
         next_slot_ = (next_slot_ + 1) % 200;
         __atomic_store_n(reinterpret_cast<uint16_t*>(region_ + 4), uint16_t(next_slot_), __ATOMIC_RELEASE);
         __atomic_store_n(reinterpret_cast<uint16_t*>(region_ + 2), part, __ATOMIC_RELEASE);
+    }
+    // A relay starting over the ring, stopped halfway through its fill: clear_request raised first, then the
+    // header and the slots below `zeroed_slots` zeroed, the older slots still as the last run left them.
+    void StartFilling(uint32_t zeroed_slots)
+    {
+        __atomic_store_n(reinterpret_cast<uint16_t*>(region_), uint16_t{1}, __ATOMIC_RELEASE);
+        memset(region_ + 2, 0, 22 + size_t{300018} * zeroed_slots);
+    }
+    // The writer's clear before its first part: every slot and the header zero, clear_request lowered last.
+    void Clear()
+    {
+        memset(region_ + 2, 0, kSize - 2);
+        __atomic_store_n(reinterpret_cast<uint16_t*>(region_), uint16_t{0}, __ATOMIC_RELEASE);
+        next_slot_ = 0;
     }
     void Shrink()
     {
@@ -319,6 +367,72 @@ TEST(ClientRing, FollowsAHandWrittenRingThroughOverrunsAndANewObject)
         EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 0) << "nothing while it is pending";
         tarnwick::RingReaderClose(reader.get());
     }
+}
+
+// A part that a decoder can join at: start code and a sequence parameter set (NAL type 7).
+Bytes JoinablePart(uint16_t number)
+{
+    Bytes part = Part(number, 40);
+    const uint8_t start[] = {0, 0, 0, 1, 0x67};
+    std::copy(start, start + sizeof start, part.begin());
+    return part;
+}
+
+TEST(ClientRing, ARelayStartingAgainIsOneRestartNeverOldPartsAndResumesAtAParameterSet)
+{
+    ScratchObject object("tarnwick_client_restart_");
+    HandRing ring(object.name);
+    std::unique_ptr<tarnwick::RingReader> reader(new tarnwick::RingReader);
+    reader->start_at_parameter_set = true;
+    ASSERT_EQ(tarnwick::RingReaderOpen(reader.get(), object.name.c_str()), 0);
+    collected.clear();
+    ring.Write(0, JoinablePart(0));
+    for (uint16_t part = 1; part < 150; ++part)
+        ring.Write(part, Part(part, 30));
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 150);
+
+    // A new relay is halfway through zeroing: next_slot reads 0 while slots 100 to 199 still hold the last
+    // run's parts (those at 150 to 199 from the lap before). Nothing of it is handed out, and only once the
+    // writer has cleared are its new parts read, from slot 0, without a loss.
+    ring.StartFilling(100);
+    collected.clear();
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 0);
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 0);
+    EXPECT_EQ(reader->counts.restarts, 1u);
+    ring.Clear();
+    ring.Write(0, Part(0, 30));        // the new run joins mid-picture: skipped
+    ring.Write(1, JoinablePart(1));
+    ring.Write(2, Part(2, 30));
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 2);
+    Bytes expected = JoinablePart(1);
+    Bytes two = Part(2, 30);
+    expected.insert(expected.end(), two.begin(), two.end());
+    EXPECT_EQ(collected, expected);
+    EXPECT_EQ(reader->counts.lost_parts, 0u);
+
+    // A relay whose whole start fell between two looks: the ring was cleared and refilled below the reader's
+    // place. The unwritten slot it meets tells the restart; reading goes on at slot 0, at a parameter set.
+    for (uint16_t part = 3; part < 20; ++part)
+        ring.Write(part, Part(part, 30));
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 17);
+    ring.Clear();
+    ring.Write(0, Part(0, 30));
+    ring.Write(1, JoinablePart(1));
+    collected.clear();
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 1);
+    EXPECT_EQ(collected, JoinablePart(1));
+    EXPECT_EQ(reader->counts.restarts, 2u);
+    EXPECT_EQ(reader->counts.lost_parts, 0u);
+
+    // Lost parts are a break too: after the writer laps the reader, the next part handed out is a joinable one.
+    for (uint16_t part = 2; part < 400; ++part)
+        ring.Write(part, part == 390 ? JoinablePart(part) : Part(part, 30));
+    collected.clear();
+    tarnwick::RingReaderPoll(reader.get(), Collect, nullptr);
+    EXPECT_TRUE(tarnwick::wire::StartsWithSequenceParameterSet(collected.data(), collected.size()));
+    EXPECT_EQ(collected.size(), 40u + 9 * 30u) << "parts 390 to 399";
+    EXPECT_EQ(reader->counts.restarts, 2u);
+    tarnwick::RingReaderClose(reader.get());
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 // The remote control's pieces that stand alone: the record's byte layout (the writer tool shares the
-// accessors, so the daemon-level test cannot see a wrong offset), an object that cannot be mapped, and the
-// edge-state table of buttons and rockers. Signs, level and zoom slots and the EV axis are checked there.
+// accessors, so the daemon-level test cannot see a wrong offset), an object that cannot be mapped, the
+// edge-state table of buttons and rockers, and the cycle across a record that another process replaced (the
+// daemon-level test sees that only when its cycles happen to fall right). Signs, level and zoom slots and the EV
+// axis are checked there.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +13,8 @@
 #include <string>
 
 #include "control/remote_control.h"
+#include "net/shared_memory.h"
+#include "support/isolation.h"
 
 namespace {
 
@@ -55,6 +61,48 @@ TEST(RcEdgeTest, ButtonAndRockerStateTable)
         EXPECT_EQ(RcRockerStep(&rocker, c.sign), c.action) << c.edge << " " << c.sign;
         EXPECT_TRUE(button == c.next && rocker == c.next) << c.edge << " " << c.sign;
     }
+}
+
+// A button held when another process replaces the record, and pressed again in the new one, acts again: the
+// replaced record went through "released", even when no cycle ran while it showed so (before the movement mode a
+// cycle comes once a second).
+TEST(RemoteControlCycleTest, AButtonHeldAcrossAReplacedRecordActsAgain)
+{
+    if (!IsSharedMemoryPrivate())
+        GTEST_SKIP() << "needs a /dev/shm of its own (root): the relay's record name is fixed";
+    testing::internal::CaptureStderr();
+    ResetRemoteControl();
+    RunRemoteControlCycle();   // maps the record, creating it
+    int fd = -1;
+    bool missing = false;
+    RcRawState* writer = MapRcRawState(kRcRawStateName, &fd, &missing);
+    ASSERT_NE(writer, nullptr);
+    StoreRcSlotValue(writer, kRcSlotNextPosition, 1.0);
+    RunRemoteControlCycle();
+    munmap(writer, kRcRawStateSize);
+    close(fd);
+
+    ASSERT_EQ(shm_unlink(kRcRawStateName), 0);
+    int other = shm_open(kRcRawStateName, O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_TRUE(other >= 0 && ftruncate(other, 100) == 0);
+    close(other);
+    EXPECT_GE(SharedMemoryWatch(), 1);
+    writer = MapRcRawState(kRcRawStateName, &fd, &missing);
+    ASSERT_NE(writer, nullptr);
+    StoreRcSlotValue(writer, kRcSlotNextPosition, 1.0);
+    RunRemoteControlCycle();
+    RunRemoteControlCycle();
+    munmap(writer, kRcRawStateSize);
+    close(fd);
+    shm_unlink(kRcRawStateName);
+
+    std::string log = testing::internal::GetCapturedStderr();
+    size_t presses = 0;
+    for (size_t at = log.find("Gimbal set next position\n"); at != std::string::npos;
+         at = log.find("Gimbal set next position\n", at + 1))
+        ++presses;
+    EXPECT_EQ(presses, 2u) << log;
+    EXPECT_NE(log.find("Shared memory /shared_rc_raw replaced, mapped anew\n"), std::string::npos) << log;
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "net/shared_memory.h"
 
@@ -49,6 +50,17 @@ struct ObjectView {
             close(fd);
         return read ? byte : -1;
     }
+    // Permission bits and group, or -1.
+    std::pair<int, long> Access() const
+    {
+        struct stat status;
+        int fd = shm_open(name.c_str(), O_RDONLY, 0);
+        bool found = fd >= 0 && fstat(fd, &status) == 0;
+        if (fd >= 0)
+            close(fd);
+        return found ? std::make_pair(static_cast<int>(status.st_mode & 07777), static_cast<long>(status.st_gid))
+                     : std::make_pair(-1, -1L);
+    }
     void Truncate(off_t size) const
     {
         int fd = shm_open(name.c_str(), O_RDWR, 0);
@@ -66,6 +78,7 @@ TEST(SharedMemory, CutShortUnderAWriterThenRemovedThenReplaced)
     ASSERT_EQ(SharedMemoryMap(&mapping, object.name.c_str(), kSize, false, MarkFirstByte, nullptr, &origin), 0);
     EXPECT_EQ(origin, SharedMemoryOrigin::kCreated);
     EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
+    EXPECT_EQ(object.Access().first, 0600) << "created by the relay: its owner only";
     EXPECT_EQ(object.Byte(0), 0x5a);
     uint8_t* const base = mapping.base;
     EXPECT_EQ(SharedMemoryWatch(), 0) << "nothing to repair";
@@ -98,9 +111,10 @@ TEST(SharedMemory, CutShortUnderAWriterThenRemovedThenReplaced)
     EXPECT_EQ(SharedMemoryWatch(), 1);
     EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
 
-    // Removed: created anew.
+    // Removed: created anew, once.
     ASSERT_EQ(shm_unlink(object.name.c_str()), 0);
     EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(SharedMemoryWatch(), 0);
     EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
     base[kSize - 1] = 0x77;
     EXPECT_EQ(object.Byte(kSize - 1), 0x77);
@@ -117,9 +131,52 @@ TEST(SharedMemory, CutShortUnderAWriterThenRemovedThenReplaced)
     base[kSize - 2] = 0x66;
     EXPECT_EQ(object.Byte(kSize - 2), 0x66);
     EXPECT_EQ(object.Byte(0), 0x5a);
+    // Repaired, it is left alone: no second remap, no second start-up fill (for the ring: a clear request).
+    EXPECT_EQ(SharedMemoryWatch(), 0);
+    EXPECT_EQ(SharedMemoryWatch(), 0);
+    EXPECT_EQ(init_calls.load(), calls + 1);
 
     SharedMemoryUnmap(&mapping);
     EXPECT_EQ(SharedMemoryWatch(), 0);
+}
+
+// The board makes the object ahead with a group's access (tmpfiles.d, 0660): the relay keeps it, and gives it back to
+// an object it must make anew or finds replaced by one of the relay's own default access.
+TEST(SharedMemory, AnObjectMadeAheadKeepsItsGroupAccessThroughRepairs)
+{
+    ObjectView object("/tarnwick-shm-access-" + std::to_string(getpid()));
+    // As root any group will do; otherwise the process's own (then only the mode tells).
+    const gid_t group = geteuid() == 0 ? 4242 : getegid();
+    int ahead = shm_open(object.name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(ahead, 0);
+    ASSERT_EQ(fchown(ahead, static_cast<uid_t>(-1), group), 0);
+    ASSERT_EQ(fchmod(ahead, 0660), 0);
+    close(ahead);
+    const std::pair<int, long> made_ahead(0660, static_cast<long>(group));
+
+    SharedMapping mapping;
+    SharedMemoryOrigin origin = SharedMemoryOrigin::kCreated;
+    ASSERT_EQ(SharedMemoryMap(&mapping, object.name.c_str(), kSize, false, nullptr, nullptr, &origin), 0);
+    EXPECT_EQ(origin, SharedMemoryOrigin::kOpened);
+    EXPECT_EQ(object.Access(), made_ahead) << "opened and sized as it was";
+
+    object.Truncate(1);
+    EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(object.Access(), made_ahead) << "restored after it was cut short";
+
+    ASSERT_EQ(shm_unlink(object.name.c_str()), 0);
+    EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(object.Size(), static_cast<off_t>(kSize));
+    EXPECT_EQ(object.Access(), made_ahead) << "made anew after it was removed";
+
+    ASSERT_EQ(shm_unlink(object.name.c_str()), 0);
+    int other = shm_open(object.name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(other, 0);
+    close(other);
+    EXPECT_EQ(SharedMemoryWatch(), 1);
+    EXPECT_EQ(object.Access(), made_ahead) << "found replaced by an object of mode 0600";
+
+    SharedMemoryUnmap(&mapping);
 }
 
 // A bus error outside every registered mapping is a real fault: the process still dies of it.

@@ -234,11 +234,19 @@ struct sockaddr_in long_reply_address;
 uint8_t long_replies[8][kLongReplyBytes];   // referenced by the queue until the batch is sent
 std::atomic<int> long_reply_count{0};
 
+// "A" wants a short reply, every other byte a long one: a batch that starts with "A" sends the short reply alone
+// and the long ones as one run.
+constexpr uint16_t kShortReplyBytes = 16;
+uint16_t ReplyLength(char first)
+{
+    return first == 'A' ? kShortReplyBytes : kLongReplyBytes;
+}
+
 void OnDatagramWantingLongReply(uint8_t* buffer, uint16_t, const char*, uint16_t)
 {
     int index = long_reply_count.load();
     memset(long_replies[index], buffer[0], kLongReplyBytes);
-    unsegmented_endpoint.QueueTo(long_replies[index], kLongReplyBytes, long_reply_address);
+    unsegmented_endpoint.QueueTo(long_replies[index], ReplyLength(static_cast<char>(buffer[0])), long_reply_address);
     ++long_reply_count;
 }
 
@@ -278,8 +286,8 @@ TEST_F(UdpEndpointTest, RunsTheKernelWillNotSegmentLeaveOneByOneWholeAndInOrder)
     MakeUdpAddress("127.0.0.1", replies.port(), &long_reply_address);
     UdpPeer peer;
     testing::internal::CaptureStderr();
-    // Two batches of four: the first finds segmenting refused, the second
-    // does not try it again.
+    // Two batches of four: the first finds segmenting refused after its short
+    // reply left (which must not leave twice), the second does not try it again.
     const char first_bytes[] = "ABCDEFGH";
     for (int i = 0; i < 4; ++i)
         peer.SendTo(unsegmented_endpoint.LocalPort(), &first_bytes[i], 1);
@@ -292,7 +300,8 @@ TEST_F(UdpEndpointTest, RunsTheKernelWillNotSegmentLeaveOneByOneWholeAndInOrder)
     ASSERT_TRUE(WaitFor(long_reply_count, 8));
     for (int i = 0; i < 8; ++i) {
         std::vector<uint8_t> reply = replies.Receive(2000);
-        EXPECT_EQ(reply, std::vector<uint8_t>(kLongReplyBytes, static_cast<uint8_t>(first_bytes[i]))) << "reply " << i;
+        EXPECT_EQ(reply, std::vector<uint8_t>(ReplyLength(first_bytes[i]), static_cast<uint8_t>(first_bytes[i])))
+            << "reply " << i;
     }
     EXPECT_TRUE(replies.Receive(100).empty());
     std::string said = testing::internal::GetCapturedStderr();

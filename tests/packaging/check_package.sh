@@ -1,20 +1,22 @@
 #!/usr/bin/env bash
-# Checks the Debian package as a board would get it:
+# Checks the Debian packages as a board would get them:
 #
-#   tests/packaging/check_package.sh <package.deb> [--gstreamer]       (as root)
+#   tests/packaging/check_package.sh tarnwickrelay_*.deb libtarnwickclient-dev_*.deb python3-tarnwick_*.deb [--gstreamer]
+#                                                                                              (as root)
 #
 # With --gstreamer (a build that made the GStreamer side) it also wants the
 # plugin in GStreamer's plugin directory, gst-inspect-1.0 finding tarnwicksrc
 # there, tarnwick-rtsp with its page, and its unit verified and not enabled.
 #
-# - its contents and control data (dpkg-deb -c / -I): the programs, the unit,
-#   the defaults conffile, the sysctl file, the NAT clean-up, the manual
-#   pages, the client library with its headers and pkg-config file;
-#   dependencies no wider than the C and C++ runtimes, libcjson1 and ncurses
-#   (and GStreamer's own libraries with --gstreamer);
+# - their contents and control data (dpkg-deb -c / -I): the programs, the unit,
+#   the defaults conffile, the sysctl, tmpfiles.d and sysusers.d files, the NAT
+#   clean-up, the manual pages; in libtarnwickclient-dev the client library
+#   with its headers and pkg-config file; in python3-tarnwick the module;
+#   the relay's dependencies no wider than the C and C++ runtimes, libcjson1
+#   and ncurses (and GStreamer's own libraries with --gstreamer);
 # - a C++ and a C program build against the client library as installed,
-#   through pkg-config;
-# - lintian reports no error;
+#   through pkg-config; python3 imports the module as installed;
+# - lintian reports no error and no warning for any of them;
 # - the unit: systemd-analyze verify, and a security exposure of 4.0 or less;
 # - the daemon starts under the unit's confinement (its capability bounding
 #   set and no new privileges, as root) against the camera simulator, in
@@ -22,9 +24,19 @@
 #   removes every copy of it.
 set -euo pipefail
 [ "$(id -u)" -eq 0 ] || { echo "needs root (namespaces, iptables): skipped"; exit 77; }
-deb=$(realpath "$1")
+deb= dev_deb= python_deb=
 gstreamer=false
-[ "${2:-}" = --gstreamer ] && gstreamer=true
+for argument in "$@"; do
+  if [ "$argument" = --gstreamer ]; then
+    gstreamer=true
+    continue
+  fi
+  case $(dpkg-deb -f "$argument" Package) in
+    tarnwickrelay) deb=$(realpath "$argument") ;;
+    libtarnwickclient-dev) dev_deb=$(realpath "$argument") ;;
+    python3-tarnwick) python_deb=$(realpath "$argument") ;;
+  esac
+done
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 work=$(mktemp -d)
@@ -35,8 +47,8 @@ for path in ./usr/bin/tarnwickrelay ./usr/bin/tarnwick-camsim ./usr/bin/tarnwick
             ./usr/bin/tarnwick-rcwriter ./lib/systemd/system/tarnwickrelay.service ./etc/default/tarnwickrelay \
             ./usr/lib/sysctl.d/60-tarnwickrelay.conf ./usr/lib/tarnwickrelay/remove-nat-rules \
             ./usr/share/man/man8/tarnwickrelay.8.gz ./usr/share/man/man1/tarnwick-monitor.1.gz \
-            ./usr/share/doc/tarnwickrelay/copyright ./usr/include/tarnwickclient.h \
-            ./usr/include/tarnwickclient/client.h ./usr/include/tarnwickclient/interface.h; do
+            ./usr/share/doc/tarnwickrelay/copyright ./usr/lib/tmpfiles.d/tarnwickrelay.conf \
+            ./usr/lib/sysusers.d/tarnwickrelay.conf; do
   grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
 done
 if $gstreamer; then
@@ -61,12 +73,30 @@ dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/default/tar
 grep -q 'sysctl.d' <<<"$contents" && grep -q 'net.core.rmem_max = 10000000' <(dpkg-deb --fsys-tarfile "$deb" |
   tar -xO ./usr/lib/sysctl.d/60-tarnwickrelay.conf) || fail "the sysctl file does not raise rmem_max"
 
-grep -q '/libtarnwickclient.a$' <<<"$contents" || fail "the package lacks the client library"
-grep -q '/pkgconfig/tarnwickclient.pc$' <<<"$contents" || fail "the package lacks tarnwickclient.pc"
+[ -n "$dev_deb" ] || fail "no libtarnwickclient-dev package given"
+[ -n "$python_deb" ] || fail "no python3-tarnwick package given"
+[ $failures -eq 0 ] || exit 1
+dev_contents=$(dpkg-deb -c "$dev_deb")
+multiarch=$(dpkg-architecture -a "$(dpkg-deb -f "$dev_deb" Architecture)" -qDEB_HOST_MULTIARCH 2>/dev/null)
+for path in ./usr/include/tarnwickclient.h ./usr/include/tarnwickclient/client.h ./usr/include/tarnwickclient/interface.h \
+            "./usr/lib/$multiarch/libtarnwickclient.a" "./usr/lib/$multiarch/pkgconfig/tarnwickclient.pc" \
+            ./usr/share/doc/libtarnwickclient-dev/copyright; do
+  grep -q " $path\$" <<<"$dev_contents" || fail "libtarnwickclient-dev lacks $path"
+done
+grep -q 'tarnwickclient' <<<"$contents" && fail "the relay's package holds the client library too"
+python_contents=$(dpkg-deb -c "$python_deb")
+for path in ./usr/lib/python3/dist-packages/tarnwick.py ./usr/share/doc/python3-tarnwick/copyright; do
+  grep -q " $path\$" <<<"$python_contents" || fail "python3-tarnwick lacks $path"
+done
+[ "$(dpkg-deb -f "$python_deb" Architecture)" = all ] || fail "python3-tarnwick is not Architecture: all"
+mkdir "$work/python"
+dpkg-deb -x "$python_deb" "$work/python"
+PYTHONPATH=$work/python/usr/lib/python3/dist-packages /usr/bin/python3 -c 'import tarnwick' ||
+  fail "python3 does not import the installed module"
 
 # The client library as an application developer finds it.
 mkdir "$work/dev"
-dpkg-deb -x "$deb" "$work/dev"
+dpkg-deb -x "$dev_deb" "$work/dev"
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 export PKG_CONFIG_PATH; PKG_CONFIG_PATH=$(dirname "$(find "$work/dev" -name tarnwickclient.pc)")
 g++ -std=c++17 -o "$work/recorder" "$source_dir/examples/recorder.cpp" $(pkg-config --cflags --libs tarnwickclient) ||
@@ -77,7 +107,9 @@ gcc -o "$work/c_api_check" "$source_dir/tests/client/c_api_check.c" $(pkg-config
 
 # The plugin as GStreamer finds it once installed, and the RTSP server's unit: verified, not enabled.
 if $gstreamer; then
-  plugins=$(dirname "$(find "$work/dev" -name libgsttarnwick.so)")
+  mkdir -p "$work/relay"
+  dpkg-deb -x "$deb" "$work/relay"
+  plugins=$(dirname "$(find "$work/relay" -name libgsttarnwick.so)")
   GST_REGISTRY=$work/registry.bin GST_PLUGIN_SYSTEM_PATH=$plugins gst-inspect-1.0 tarnwicksrc >"$work/inspect" 2>&1 ||
     fail "gst-inspect-1.0 does not find tarnwicksrc in the installed plugin: $(cat "$work/inspect")"
   for property in ring-name start wait-for-sps poll-interval parts lost-parts restarts; do
@@ -88,8 +120,10 @@ if $gstreamer; then
 fi
 
 if command -v lintian >/dev/null; then
-  errors=$(lintian --tag-display-limit 0 "$deb" 2>/dev/null | grep '^E:' || true)
-  [ -z "$errors" ] || fail "lintian: $errors"
+  for package in "$deb" "$dev_deb" "$python_deb"; do
+    errors=$(lintian --tag-display-limit 0 "$package" 2>/dev/null | grep -E '^(E|W):' || true)
+    [ -z "$errors" ] || fail "lintian: $errors"
+  done
 else
   fail "lintian is missing: scripts/setup.sh installs it"
 fi
@@ -138,5 +172,5 @@ INSIDE
 then
   fail "the confined daemon: $(cat "$work/confined")"
 fi
-[ $failures -eq 0 ] && echo "package checks passed: $(basename "$deb")"
+[ $failures -eq 0 ] && echo "package checks passed: $(basename "$deb") $(basename "$dev_deb") $(basename "$python_deb")"
 exit $((failures > 0))

@@ -137,6 +137,13 @@ void ChildProcess::WriteLine(const std::string& line)
         ADD_FAILURE() << "cannot write to the child's standard input";
 }
 
+void ChildProcess::CloseInput()
+{
+    if (stdin_fd_ >= 0)
+        close(stdin_fd_);
+    stdin_fd_ = -1;
+}
+
 void ChildProcess::Kill()
 {
     if (pid_ <= 0)

@@ -27,6 +27,8 @@ public:
     // Exit code, 128 + signal for a signal, or -1 when still running at the time-out.
     int WaitExit(int timeout_ms);
     void WriteLine(const std::string& line);
+    // Ends the child's standard input (it reads end of file).
+    void CloseInput();
     // Keeps only about the last `bytes` of each stream (a program that logs a flood); before Start.
     void LimitOutput(size_t bytes) { output_limit_ = bytes; }
     void Kill();

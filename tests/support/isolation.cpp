@@ -13,6 +13,7 @@
 namespace {
 
 bool isolated = false;
+bool shared_memory_private = false;
 
 bool BringLoopbackUp()
 {
@@ -47,6 +48,20 @@ bool EnterPrivateNamespaces()
         return false;
     isolated = true;
     return true;
+}
+
+bool EnterPrivateSharedMemory()
+{
+    // The tmpfs is mounted only once the namespace is private: it must never reach the host's mount table.
+    shared_memory_private = geteuid() == 0 && unshare(CLONE_NEWNS) == 0 &&
+                            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                            mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+    return shared_memory_private;
+}
+
+bool IsSharedMemoryPrivate()
+{
+    return shared_memory_private || isolated;
 }
 
 bool IsIsolated()

@@ -178,7 +178,37 @@ TEST_F(ClientLibraryTest, TheExampleApplicationRecordsAndSavesTheVideo)
     EXPECT_GT(video.size(), 1000u) << recorder.Stdout();
     EXPECT_TRUE(tarnwick::wire::StartsWithSequenceParameterSet(video.data(), video.size()));
     EXPECT_TRUE(IsStretchOfLoop(video, ReadFile(FixturePath())));
-    EXPECT_NE(recorder.Stdout().find(", 0 parts lost\n"), std::string::npos) << recorder.Stdout();
+    EXPECT_NE(recorder.Stdout().find(", 0 parts lost, 0 restarts of the relay's ring\n"), std::string::npos)
+        << recorder.Stdout();
+}
+
+// The relay killed and started again under the example application: it notices the new relay by the new source of
+// the status datagrams and sends the movement mode to it again; its ring reader counts the restart, not loss, and
+// the video file goes on from a parameter set.
+TEST_F(ClientLibraryTest, TheExampleApplicationSendsTheMovementModeAgainToARestartedRelay)
+{
+    const std::string movement = R"(!{"cmd":"set","name":"movement","value":"abs"})";
+    ChildProcess recorder;
+    ASSERT_TRUE(recorder.Start(TARNWICK_RECORDER_PATH, {"--port=" + std::to_string(kStatusPort), "--out=/run/live.h264"}));
+    ASSERT_TRUE(recorder.WaitForStdout("listening on 127.0.0.1:15000", 5000)) << recorder.Stderr();
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(kSimulatorPort, {"--dst-port", std::to_string(kStatusPort)})));
+    const std::string sent = "sent " + movement + "\n";
+    ASSERT_TRUE(recorder.WaitForStdout(sent, kTimeoutMs)) << recorder.Stdout();
+    ASSERT_TRUE(daemon.WaitForStderr("Clear frame shared memory", kTimeoutMs));
+    std::this_thread::sleep_for(std::chrono::seconds(1));   // some video of the first run
+
+    daemon.Kill();
+    ChildProcess restarted;
+    ASSERT_TRUE(restarted.Start(DaemonPath(), DaemonArguments(kSimulatorPort, {"--dst-port", std::to_string(kStatusPort)})));
+    EXPECT_TRUE(recorder.WaitForStdout("the relay started again\n" + sent, kTimeoutMs)) << recorder.Stdout();
+    EXPECT_TRUE(restarted.WaitForStderr("Clear frame shared memory", kTimeoutMs));
+    std::this_thread::sleep_for(std::chrono::seconds(2));   // video of the second run
+    recorder.WriteLine("q");
+    ASSERT_EQ(recorder.WaitExit(5000), 0) << recorder.Stderr();
+    EXPECT_NE(recorder.Stdout().find(", 0 parts lost, 1 restarts of the relay's ring\n"), std::string::npos)
+        << recorder.Stdout();
+    Bytes video = ReadFile("/run/live.h264");
+    EXPECT_TRUE(tarnwick::wire::StartsWithSequenceParameterSet(video.data(), video.size()));
 }
 
 // The screen of a program run in a detached tmux session with its own server socket in the private /run.

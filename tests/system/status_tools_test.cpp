@@ -1,6 +1,7 @@
 // The camera simulator and the monitor tool against the real daemon: the simulator's model shows in the status line
 // and follows "set" lines; JSON commands close the loop through the simulator, which refuses a corrupt frame; the
-// monitor prints the status decoded, shows what it cannot decode, and sends commands from its command line and input.
+// monitor prints the status decoded, shows what it cannot decode, and sends commands from its input; beside a main
+// application that holds the status port it sends commands and exits (--send), and watches (--capture).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -124,8 +125,9 @@ TEST_F(StatusToolsTest, SimulatorModelSetLinesAndTheCommandLoop)
 TEST_F(StatusToolsTest, MonitorPrintsTheStatusAndSendsCommands)
 {
     ChildProcess monitor;
-    ASSERT_TRUE(monitor.Start(ToolPath("monitor"), {"--port=15000", R"(--send={"cmd":"iso","param":"800"})"}));
+    ASSERT_TRUE(monitor.Start(ToolPath("monitor"), {"--port=15000"}));
     ASSERT_TRUE(monitor.WaitForStdout("monitor on 127.0.0.1:15000, notices on 5255", 5000));
+    monitor.WriteLine(R"({"cmd":"iso","param":"800"})");
     ASSERT_TRUE(monitor.WaitForStdout("waiting for the service: !{\"cmd\":\"iso\",\"param\":\"800\"}\n", 5000));
     ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(kSimulatorPort, {"--dst-port", "15000"})));
     for (const char* line : {"set gimbal_sweep 0", "set attitude 100 -200 30", "set camera_mode photo"})
@@ -153,6 +155,50 @@ TEST_F(StatusToolsTest, MonitorPrintsTheStatusAndSendsCommands)
     for (const char* line : {"Camera set iso 800\n", "Camera set EV 0.7\n", "Camera set shutter 8\"\n",
                              "Camera set WB temperature 4200\n"})
         EXPECT_NE(daemon.Stderr().find(line), std::string::npos) << line;
+}
+
+// The fixture's main application holds port 5000 and must keep every datagram. The sender learns the relay's
+// command port from a capture of the status port, sends, and ends: with its commands given, and at the end of its
+// input. The watcher shows the status from the same capture.
+TEST_F(StatusToolsTest, MonitorSendsAndWatchesBesideTheMainApplication)
+{
+    ASSERT_TRUE(daemon.Start(DaemonPath(), DaemonArguments(kSimulatorPort)));
+    ASSERT_TRUE(app.LearnCommandPort(kTimeoutMs)) << daemon.Stderr();
+
+    ChildProcess sender;
+    ASSERT_TRUE(sender.Start(ToolPath("monitor"), {"--send=iso 800", R"(--send={"cmd":"ev","param":"+0.7"})"}));
+    EXPECT_EQ(sender.WaitExit(kTimeoutMs), 0) << sender.Stdout() << sender.Stderr();
+    EXPECT_NE(sender.Stdout().find(R"(sent: !{"cmd":"iso","param":"800"})" "\n"
+                                   R"(sent: !{"cmd":"ev","param":"+0.7"})" "\n"),
+              std::string::npos) << sender.Stdout();
+    EXPECT_NE(app.StatusLineWith(",iso_set=800,", kTimeoutMs), "") << "the application lost its status line";
+    EXPECT_NE(app.StatusLineWith(",ev=+0.7,", kTimeoutMs), "");
+
+    ChildProcess piped;
+    ASSERT_TRUE(piped.Start(ToolPath("monitor"), {"--send=-"}));
+    piped.WriteLine("shutter 1/100");
+    piped.WriteLine("wb custom 4200");
+    EXPECT_TRUE(piped.WaitForStdout("sent: !{\"cmd\":\"wb\",\"param\":\"custom\",\"value\":\"4200\"}\n", kTimeoutMs))
+        << piped.Stdout() << piped.Stderr();
+    EXPECT_EQ(piped.WaitExit(300), -1) << "ended before its input did";
+    piped.CloseInput();
+    EXPECT_EQ(piped.WaitExit(kTimeoutMs), 0);
+    EXPECT_NE(app.StatusLineWith(",shutter_set=1/100,", kTimeoutMs), "");
+
+    ChildProcess watcher;
+    ASSERT_TRUE(watcher.Start(ToolPath("monitor"), {"--capture", "--count=30"}));
+    EXPECT_EQ(watcher.WaitExit(kTimeoutMs), 0) << watcher.Stdout() << watcher.Stderr();
+    for (const std::string& text : {std::string("monitor watching port 5000, notices on 5255 (capture)\n"),
+                                    Field("iso_set", "800"), std::string("state: "), std::string("notice: rec_")})
+        EXPECT_NE(watcher.Stdout().find(text), std::string::npos) << text << watcher.Stdout();
+    EXPECT_NE(app.StatusLineWith(",iso_set=800,", kTimeoutMs), "");
+
+    // With nobody to hear, the sender gives up.
+    ChildProcess unheard;
+    ASSERT_TRUE(unheard.Start(ToolPath("monitor"), {"--port=5999", "--wait=500", "--send=iso 100"}));
+    EXPECT_EQ(unheard.WaitExit(kTimeoutMs), 1);
+    EXPECT_NE(unheard.Stderr().find("Service not heard on port 5999 within 500 ms: commands not sent\n"),
+              std::string::npos) << unheard.Stderr();
 }
 
 TEST(StatusMonitor, ShowsWhatItCannotDecode)
@@ -200,6 +246,14 @@ TEST(ToolCommandLines, HelpBadOptionsAndAStaleRing)
     ASSERT_TRUE(malformed.Start(ToolPath("monitor"), {"--port=5000x"}));
     EXPECT_EQ(malformed.WaitExit(5000), 2);
     EXPECT_NE(malformed.Stderr().find("--port: '5000x' is not a number from 1 to 65535"), std::string::npos);
+
+    // Showing the remote-control record does not make one.
+    ChildProcess show;
+    ASSERT_TRUE(show.Start(ToolPath("rcwriter"), {"show"}));
+    EXPECT_EQ(show.WaitExit(5000), 1);
+    EXPECT_NE(show.Stderr().find("tarnwick-rcwriter: cannot read /shared_rc_raw: No such file or directory\n"),
+              std::string::npos) << show.Stderr();
+    EXPECT_EQ(access("/dev/shm/shared_rc_raw", F_OK), -1) << "show created the record";
 
     // A ring whose writer is gone: the right size, nothing moving.
     int fd = shm_open("tarnwickrelay_framebuffer", O_RDWR | O_CREAT, 0600);

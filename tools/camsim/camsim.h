@@ -22,6 +22,8 @@ struct SimOptions {
     int silent_after_ms = -1;           // fall silent this long after the stream starts
     int report_period_ms = 100;         // data-stream datagram period
     bool log_acks = false;              // one line per ack instead of a summary each second
+    bool stamp = false;                 // a counter-stamp datagram before each access unit
+    bool log_video = false;             // "tx video LENGTH FNV1A64" for every video datagram sent
 };
 
 struct Simulator {
@@ -42,6 +44,14 @@ extern Simulator sim;
 // `payload` follows the 20-byte header (or `header_size` when larger).
 void SimSendDatagram(uint8_t type, const uint8_t* payload, size_t length, size_t header_size = 20,
                      const uint8_t* header_extra = nullptr, size_t extra_length = 0);
+
+// --stamp: before each access unit the simulator sends one video datagram
+// holding only an SEI NAL unit (user data unregistered, payload type 5) whose
+// 16-byte UUID is the text of kStampUuid, followed by the number of access
+// units sent before it as 16 hexadecimal digits. Decoders ignore it; a
+// reader of the relay's ring finds from it in which order the pictures left
+// the camera (no zero byte, so no emulation prevention is needed).
+constexpr char kStampUuid[] = "tarnwick-counter";
 
 // Logs one datagram received from the service.
 void SimLogReceived(const uint8_t* data, size_t length);

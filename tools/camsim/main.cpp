@@ -44,6 +44,8 @@ void Usage(FILE* out)
           "  --silent-after=<ms>    fall silent this long after the stream starts\n"
           "  --report-period=<ms>   data-stream period (default 100)\n"
           "  --log-acks             log every acknowledgement\n"
+          "  --stamp                a counter-stamp SEI datagram before each access unit\n"
+          "  --log-video            log each video payload sent: its length and FNV-1a 64 hash\n"
           "  --help                 this text\n",
           out);
 }
@@ -57,7 +59,7 @@ bool Number(const char* option, long min, long max, long* value)
 int ParseSimOptions(int argc, char** argv, SimOptions* options)
 {
     enum { kBind = 1, kPort, kVideo, kFps, kPayload, kNoVideo, kLongHeader, kNeverAnswer, kSilentAfter,
-           kReportPeriod, kLogAcks, kHelp };
+           kReportPeriod, kLogAcks, kStamp, kLogVideo, kHelp };
     static const struct option long_options[] = {
         {"bind", required_argument, nullptr, kBind},
         {"port", required_argument, nullptr, kPort},
@@ -70,6 +72,8 @@ int ParseSimOptions(int argc, char** argv, SimOptions* options)
         {"silent-after", required_argument, nullptr, kSilentAfter},
         {"report-period", required_argument, nullptr, kReportPeriod},
         {"log-acks", no_argument, nullptr, kLogAcks},
+        {"stamp", no_argument, nullptr, kStamp},
+        {"log-video", no_argument, nullptr, kLogVideo},
         {"help", no_argument, nullptr, kHelp},
         {nullptr, 0, nullptr, 0},
     };
@@ -113,6 +117,8 @@ int ParseSimOptions(int argc, char** argv, SimOptions* options)
             options->report_period_ms = static_cast<int>(value);
             continue;
         case kLogAcks: options->log_acks = true; continue;
+        case kStamp: options->stamp = true; continue;
+        case kLogVideo: options->log_video = true; continue;
         case kHelp: Usage(stdout); return 0;
         default: break;   // getopt_long named the option
         }
@@ -146,16 +152,44 @@ void* ReceiveThread(void*)
     return nullptr;
 }
 
+// One video payload to the relay, logged with --log-video so that a test
+// can tell each part of the ring for one the camera sent.
+void SendVideoPayload(const uint8_t* payload, size_t length, size_t header, const uint8_t* header_extra,
+                      size_t extra_length)
+{
+    SimSendDatagram(kTransportLiveVideo, payload, length, header, header_extra, extra_length);
+    if (!sim.options.log_video)
+        return;
+    uint64_t hash = 0xcbf29ce484222325ull;   // FNV-1a, 64 bits
+    for (size_t i = 0; i < length; ++i)
+        hash = (hash ^ payload[i]) * 0x100000001b3ull;
+    printf("tx video %zu %016llx\n", length, static_cast<unsigned long long>(hash));
+    fflush(stdout);
+}
+
 void SendVideoFrame()
 {
     const uint8_t* frame = nullptr;
     size_t length = SimNextVideoFrame(&frame);
     static const uint8_t long_header_extra[12] = {0x00, 0x00, 0x01, 0xff};
     size_t header = sim.options.long_video_header ? kVideoLongHeaderSize : kReceivedHeaderSize;
+    if (sim.options.stamp) {
+        static uint64_t units_sent = 0;
+        constexpr size_t kUuidLength = sizeof kStampUuid - 1;
+        constexpr size_t kDigits = 16;
+        uint8_t sei[4 + 1 + 1 + 1 + kUuidLength + kDigits + 1] = {0, 0, 0, 1, 0x06, 0x05, kUuidLength + kDigits};
+        memcpy(sei + 7, kStampUuid, kUuidLength);
+        char digits[kDigits + 1];
+        snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(units_sent++));
+        memcpy(sei + 7 + kUuidLength, digits, kDigits);
+        sei[sizeof sei - 1] = 0x80;   // rbsp trailing bits
+        SendVideoPayload(sei, sizeof sei, header, sim.options.long_video_header ? long_header_extra : nullptr,
+                         sizeof long_header_extra);
+    }
     for (size_t offset = 0; offset < length; offset += sim.options.video_payload) {
         size_t chunk = length - offset < sim.options.video_payload ? length - offset : sim.options.video_payload;
-        SimSendDatagram(kTransportLiveVideo, frame + offset, chunk, header,
-                        sim.options.long_video_header ? long_header_extra : nullptr, sizeof long_header_extra);
+        SendVideoPayload(frame + offset, chunk, header, sim.options.long_video_header ? long_header_extra : nullptr,
+                         sizeof long_header_extra);
     }
 }
 

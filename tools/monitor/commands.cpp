@@ -71,7 +71,7 @@ void Say(const char* format, ...)
 
 void SendCommandText(const char* text)
 {
-    ssize_t sent = sendto(monitor.status_socket, text, strlen(text), 0,
+    ssize_t sent = sendto(monitor.command_socket, text, strlen(text), 0,
                           reinterpret_cast<const struct sockaddr*>(&monitor.daemon_address),
                           sizeof monitor.daemon_address);
     if (sent < 0)
@@ -100,6 +100,11 @@ void SendMonitorCommand(const char* line)
     }
     memcpy(queue[queued++], text, sizeof text);
     Say("waiting for the service: %s", text);
+}
+
+bool CommandsQueued()
+{
+    return queued > 0;
 }
 
 void SendQueuedCommands()

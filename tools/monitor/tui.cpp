@@ -98,19 +98,18 @@ void ReceiveDatagrams()
         if (fd < 0)
             continue;
         struct sockaddr_in source;
-        socklen_t source_length;
+        bool notice = false;
         ssize_t length;
-        while (source_length = sizeof source,
-               (length = recvfrom(fd, datagram, sizeof datagram, MSG_DONTWAIT,
-                                  reinterpret_cast<struct sockaddr*>(&source), &source_length)) >= 0) {
-            if (i == 1) {
+        while ((length = ReceiveMonitorDatagram(fd, datagram, sizeof datagram, MSG_DONTWAIT, &source, &notice)) !=
+               -1) {
+            if (length < 0)
+                continue;   // a captured packet that is not a whole datagram
+            if (notice) {
                 snprintf(view.notice, sizeof view.notice, "%.*s", static_cast<int>(length),
                          reinterpret_cast<const char*>(datagram));
                 continue;
             }
-            monitor.daemon_address = source;
-            monitor.daemon_known = true;
-            SendQueuedCommands();
+            NoteService(source);
             tarnwick::Report report;
             switch (tarnwick::ParseReport(datagram, static_cast<size_t>(length), &report)) {
             case TARNWICK_REPORT_STATUS:
@@ -188,7 +187,7 @@ void Draw()
     ROW(row, 0, "program", "%d  aperture f/%s", s.ae, s.aperture);
     ROW(row, 0, "shutter", "%s  (set %s)", s.shutter, s.shutter_set);
     ROW(row, 0, "ISO", "%d  (set %s)  EV %s", s.iso, s.iso_set, s.ev);
-    ROW(row, 0, "white bal.", "%s  %.0f K", s.wb, s.wb_temp);
+    ROW(row, 0, "white bal.", "%s  %d K", s.wb, s.wb_temp);
     ROW(row, 0, "colour", "%s  image %s", s.color_mode, s.image_mode);
     ROW(row, 0, "flicker", "%s  standard %s", s.antiflicker, s.video_std);
 

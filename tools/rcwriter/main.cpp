@@ -1,6 +1,7 @@
 // tarnwick-rcwriter: plays the remote-control reader process. It writes slot
 // values and flags into the shared-memory record "/shared_rc_raw" that the
-// relay polls (creating it, zero-filled, when missing), so that buttons,
+// relay polls (creating it, zero-filled, when missing; a command line of
+// `show` alone only reads, and leaves a missing record missing), so that buttons,
 // rockers, switches, sticks and the EV axis can be worked from a shell, a
 // demo script or a test.
 //
@@ -13,7 +14,10 @@
 //                                   at a time, each answered "ok N")
 //
 // The record's layout and the slot numbers come from control/remote_control.h.
+#include <fcntl.h>
 #include <getopt.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -94,7 +98,8 @@ void Usage(FILE* out)
           "  lock on|off|free    lock switch: slot 5 at 1.0 / 0.0 with its flag; free clears the flag\n"
           "  wait MS             sleep\n"
           "  clear               every slot value and flag to zero\n"
-          "  show                print the slots and flags the relay reads\n"
+          "  show                print the slots and flags the relay reads (show alone\n"
+          "                      creates no record: a missing one is an error)\n"
           "Slot names:",
           out);
     for (const SlotName& name : kSlotNames)
@@ -165,6 +170,31 @@ void Show(const tarnwick::RcWriter* record)
             printf("  flag %u", tarnwick::RcWriterFlag(record, static_cast<unsigned>(slot)));
         printf("\n");
     }
+}
+
+// Maps an existing record read-only, for commands that only read: looking
+// must not make a record that the relay would then take for a writer's.
+// Returns 0, or -1 with errno set (ENOENT: no record).
+int OpenForReading(tarnwick::RcWriter* record, const char* name)
+{
+    int fd = shm_open(name, O_RDONLY | O_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    struct stat status;
+    void* mapping = MAP_FAILED;
+    if (fstat(fd, &status) == 0 && status.st_size >= static_cast<off_t>(kRcRawStateSize))
+        mapping = mmap(nullptr, kRcRawStateSize, PROT_READ, MAP_SHARED, fd, 0);
+    else
+        errno = EINVAL;   // shorter than the record: nothing to show
+    if (mapping == MAP_FAILED) {
+        int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    record->fd = fd;
+    record->record = static_cast<uint8_t*>(mapping);
+    return 0;
 }
 
 // Runs the commands in `words` in order; stops at the first bad one and
@@ -368,7 +398,16 @@ int main(int argc, char** argv)
         return kToolUsageError;
     }
 
-    if (tarnwick::RcWriterOpen(&writer.rc, name) != 0) {
+    bool reads_only = true;
+    for (const std::string& word : words)
+        reads_only = reads_only && word == "show";
+    if (reads_only) {
+        if (OpenForReading(&writer.rc, name) != 0) {
+            fprintf(stderr, "tarnwick-rcwriter: cannot read %s: %s\n", name,
+                    errno == EINVAL ? "shorter than the record" : strerror(errno));
+            return 1;
+        }
+    } else if (tarnwick::RcWriterOpen(&writer.rc, name) != 0) {
         fprintf(stderr, "tarnwick-rcwriter: cannot map %s: %s\n", name, strerror(errno));
         return 1;
     }

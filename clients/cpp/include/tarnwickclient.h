@@ -24,47 +24,49 @@
 extern "C" {
 #endif
 
-#define TARNWICK_TEXT_CAPACITY 24  /* the relay's longest text value is 20 bytes */
+#define TARNWICK_TEXT_CAPACITY 24  /* the relay's longest text value is 20 bytes; longer ones are refused */
 
-/* The status line, once a second: every item of the line. Numbers that the
+/* The status line, once a second: every item of the line, in its order. The
+ * members and their meanings come from docs/interface.json (tests/check_interface.py
+ * --write writes them; docs/interface.md's key table has their values). Numbers that the
  * line did not carry, or carried malformed, stay 0 and their bit in `present`
  * stays clear (bit i for the i-th field below, camera_detected = bit 0). */
 typedef struct tarnwick_status {
     uint64_t present;
-    int32_t camera_detected;                    /* 1 once the camera identified itself */
-    char camera_model[TARNWICK_TEXT_CAPACITY];  /* "Pocket 2", "Osmo Pocket" */
-    char camera_mode[TARNWICK_TEXT_CAPACITY];   /* "photo", "video", "playback" */
-    char sd[TARNWICK_TEXT_CAPACITY];            /* free space on the card, as shown */
-    int64_t shots_left;
-    char rec_time_left[TARNWICK_TEXT_CAPACITY];
-    char rec_time[TARNWICK_TEXT_CAPACITY];
-    int32_t voltage;
-    int32_t battery_level;                      /* percent */
-    int32_t battery_charging;
-    char shot_mode[TARNWICK_TEXT_CAPACITY];
-    char resolution[TARNWICK_TEXT_CAPACITY];
-    char framerate[TARNWICK_TEXT_CAPACITY];
-    char format[2 * TARNWICK_TEXT_CAPACITY];    /* resolution@framerate */
-    int32_t ae;                                 /* exposure program code */
-    char aperture[TARNWICK_TEXT_CAPACITY];
-    char shutter[TARNWICK_TEXT_CAPACITY];
-    char shutter_set[TARNWICK_TEXT_CAPACITY];
-    int32_t iso;
-    char iso_set[TARNWICK_TEXT_CAPACITY];
-    char ev[TARNWICK_TEXT_CAPACITY];
-    char image_mode[TARNWICK_TEXT_CAPACITY];
-    char color_mode[TARNWICK_TEXT_CAPACITY];
-    char wb[TARNWICK_TEXT_CAPACITY];
-    double wb_temp;                             /* kelvin */
-    char ratio[TARNWICK_TEXT_CAPACITY];
-    int32_t sensor;                             /* megapixels, 0 until reported */
-    char video_std[TARNWICK_TEXT_CAPACITY];
-    char antiflicker[TARNWICK_TEXT_CAPACITY];
-    int32_t histogram;                          /* 1 while histograms arrive */
-    char pl_state[TARNWICK_TEXT_CAPACITY];      /* playback */
-    int32_t pl_id;
-    char pl_dur[TARNWICK_TEXT_CAPACITY];
-    char pl_time[TARNWICK_TEXT_CAPACITY];
+    int32_t camera_detected;                    /* 1 once the camera has reported what it is; never goes back to 0 */
+    char camera_model[TARNWICK_TEXT_CAPACITY];  /* the camera model */
+    char camera_mode[TARNWICK_TEXT_CAPACITY];   /* the camera's mode */
+    char sd[TARNWICK_TEXT_CAPACITY];            /* free space on the card, gigabytes, one decimal and "G" */
+    int64_t shots_left;                         /* photos that still fit on the card */
+    char rec_time_left[TARNWICK_TEXT_CAPACITY]; /* recording time left on the card */
+    char rec_time[TARNWICK_TEXT_CAPACITY];      /* elapsed time of the running recording */
+    int32_t voltage;                            /* not reported by the camera */
+    int32_t battery_level;                      /* battery charge level as the camera reports it */
+    int32_t battery_charging;                   /* 1 while the battery charges */
+    char shot_mode[TARNWICK_TEXT_CAPACITY];     /* photo file format */
+    char resolution[TARNWICK_TEXT_CAPACITY];    /* video resolution, width x height */
+    char framerate[TARNWICK_TEXT_CAPACITY];     /* video frame rate, pictures per second */
+    char format[2 * TARNWICK_TEXT_CAPACITY];    /* resolution "@" framerate */
+    int32_t ae;                                 /* 1 while auto exposure is locked */
+    char aperture[TARNWICK_TEXT_CAPACITY];      /* f-number, whole or with one decimal */
+    char shutter[TARNWICK_TEXT_CAPACITY];       /* shutter speed in use */
+    char shutter_set[TARNWICK_TEXT_CAPACITY];   /* shutter speed setting */
+    int32_t iso;                                /* ISO sensitivity in use */
+    char iso_set[TARNWICK_TEXT_CAPACITY];       /* ISO setting */
+    char ev[TARNWICK_TEXT_CAPACITY];            /* exposure compensation, in thirds */
+    char image_mode[TARNWICK_TEXT_CAPACITY];    /* exposure program */
+    char color_mode[TARNWICK_TEXT_CAPACITY];    /* colour profile */
+    char wb[TARNWICK_TEXT_CAPACITY];            /* white balance */
+    int32_t wb_temp;                            /* white-balance colour temperature, kelvin */
+    char ratio[TARNWICK_TEXT_CAPACITY];         /* photo aspect ratio */
+    int32_t sensor;                             /* photo sensor resolution, megapixels */
+    char video_std[TARNWICK_TEXT_CAPACITY];     /* video standard */
+    char antiflicker[TARNWICK_TEXT_CAPACITY];   /* anti-flicker setting */
+    int32_t histogram;                          /* 1 while histogram reports arrive (the last at most 3000 ms old) */
+    char pl_state[TARNWICK_TEXT_CAPACITY];      /* playback state */
+    int32_t pl_id;                              /* number of the clip played back */
+    char pl_dur[TARNWICK_TEXT_CAPACITY];        /* duration of that clip */
+    char pl_time[TARNWICK_TEXT_CAPACITY];       /* playback position */
 } tarnwick_status;
 
 /* The field names of the status line in order; tarnwick_status_present()
@@ -73,7 +75,7 @@ typedef struct tarnwick_status {
 int tarnwick_status_field_index(const char* key);   /* 0..33, or -1 */
 const char* tarnwick_status_field_name(int index);  /* null outside 0..33 */
 int tarnwick_status_present(const tarnwick_status* status, const char* key);
-/* Field `index` as text, as the line carried it (wb_temp without decimals).
+/* Field `index` as text, as the line carried it.
  * Returns the length, or -1 when the field was not present. */
 int tarnwick_status_field_text(const tarnwick_status* status, int index, char* out, size_t capacity);
 
@@ -143,10 +145,19 @@ tarnwick_link* tarnwick_link_open(const char* bind_host, uint16_t status_port);
 void tarnwick_link_close(tarnwick_link* link);
 int tarnwick_link_fd(const tarnwick_link* link);   /* for poll() */
 /* Waits up to timeout_ms (-1: for ever) for one status datagram and parses
- * it. Returns its kind (0: unknown datagram), or -1 on time-out or error. */
+ * it. Returns its kind (0: unknown datagram), TARNWICK_LINK_TIMEOUT when
+ * none came in time, or -1 on an error (errno tells; EINTR: a signal). */
+#define TARNWICK_LINK_TIMEOUT (-2)
 int tarnwick_link_receive(tarnwick_link* link, int timeout_ms, tarnwick_report* report);
 /* 1 once a status datagram has told the relay's command port. */
 int tarnwick_link_relay_known(const tarnwick_link* link);
+/* How many times the relay has started again since the link first heard it:
+ * every start binds a new command port, so status from a new source is a new
+ * relay (the system picks the port; the same one again is a 1 in 28000
+ * chance). A new relay has forgotten what the application told the old one:
+ * when this grows, send the movement mode again. A command sent while the
+ * relay is down is lost (it is not queued anywhere). */
+unsigned tarnwick_link_relay_restarts(const tarnwick_link* link);
 /* Sends a command datagram (text from tarnwick_format_command, or bytes).
  * Returns 0, or -1 when the relay is not known yet or the send failed. */
 int tarnwick_link_send(tarnwick_link* link, const void* data, size_t length);

@@ -17,6 +17,7 @@ struct tarnwick_link {
     int socket = -1;
     struct sockaddr_in relay{};   // source of the latest status datagram
     bool relay_known = false;
+    unsigned restarts = 0;        // times that source changed
     uint8_t datagram[tarnwick::wire::kStatusLineMaximumSize + 1];
 };
 
@@ -62,7 +63,10 @@ int tarnwick_link_fd(const tarnwick_link* link)
 int tarnwick_link_receive(tarnwick_link* link, int timeout_ms, tarnwick_report* report)
 {
     struct pollfd wait = {link->socket, POLLIN, 0};
-    if (poll(&wait, 1, timeout_ms) <= 0)
+    int ready = poll(&wait, 1, timeout_ms);
+    if (ready == 0)
+        return TARNWICK_LINK_TIMEOUT;
+    if (ready < 0)
         return -1;
     struct sockaddr_in source;
     socklen_t source_length = sizeof source;
@@ -77,9 +81,19 @@ int tarnwick_link_receive(tarnwick_link* link, int timeout_ms, tarnwick_report* 
         report->kind = TARNWICK_REPORT_UNKNOWN;
         return 0;
     }
+    // Each start of the relay binds its command port afresh (the system picks
+    // it), so status from another source is a relay that started again.
+    bool same_source = source.sin_addr.s_addr == link->relay.sin_addr.s_addr && source.sin_port == link->relay.sin_port;
+    if (link->relay_known && !same_source)
+        ++link->restarts;
     link->relay = source;
     link->relay_known = true;
     return static_cast<int>(report->kind);
+}
+
+unsigned tarnwick_link_relay_restarts(const tarnwick_link* link)
+{
+    return link->restarts;
 }
 
 int tarnwick_link_relay_known(const tarnwick_link* link)

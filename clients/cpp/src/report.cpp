@@ -1,6 +1,5 @@
 // Status datagrams into records, and command datagrams out of words.
 #include <cerrno>
-#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +12,7 @@ using namespace tarnwick::wire;
 
 namespace {
 
-enum class FieldKind { kInteger32, kInteger64, kReal, kText, kFormat };
+enum class FieldKind { kInteger32, kInteger64, kText, kFormat };
 
 struct StatusField {
     const char* key;
@@ -33,10 +32,8 @@ constexpr StatusField kStatusFields[] = {
     TEXT(shot_mode), TEXT(resolution), TEXT(framerate),
     {"format", FieldKind::kFormat, offsetof(tarnwick_status, format)},
     I32(ae), TEXT(aperture), TEXT(shutter), TEXT(shutter_set), I32(iso), TEXT(iso_set), TEXT(ev),
-    TEXT(image_mode), TEXT(color_mode), TEXT(wb),
-    {"wb_temp", FieldKind::kReal, offsetof(tarnwick_status, wb_temp)},
-    TEXT(ratio), I32(sensor), TEXT(video_std), TEXT(antiflicker), I32(histogram), TEXT(pl_state), I32(pl_id),
-    TEXT(pl_dur), TEXT(pl_time),
+    TEXT(image_mode), TEXT(color_mode), TEXT(wb), I32(wb_temp), TEXT(ratio), I32(sensor), TEXT(video_std),
+    TEXT(antiflicker), I32(histogram), TEXT(pl_state), I32(pl_id), TEXT(pl_dur), TEXT(pl_time),
 };
 #undef TEXT
 #undef I32
@@ -70,21 +67,6 @@ bool ParseInteger(const char* text, size_t length, long long min, long long max,
     return true;
 }
 
-bool ParseReal(const char* text, size_t length, double* value)
-{
-    char digits[64];
-    if (length == 0 || length >= sizeof digits)
-        return false;
-    memcpy(digits, text, length);
-    digits[length] = '\0';
-    char* end = nullptr;
-    double number = strtod(digits, &end);
-    if (*end != '\0' || !std::isfinite(number))
-        return false;
-    *value = number;
-    return true;
-}
-
 // Stores one value; false when it is malformed or does not fit its field.
 bool StoreField(tarnwick_status* status, const StatusField& field, const char* value, size_t length)
 {
@@ -101,8 +83,6 @@ bool StoreField(tarnwick_status* status, const StatusField& field, const char* v
             return false;
         *reinterpret_cast<int64_t*>(at) = number;
         return true;
-    case FieldKind::kReal:
-        return ParseReal(value, length, reinterpret_cast<double*>(at));
     case FieldKind::kText:
     case FieldKind::kFormat: {
         size_t capacity = field.kind == FieldKind::kText ? TARNWICK_TEXT_CAPACITY : 2 * TARNWICK_TEXT_CAPACITY;
@@ -253,7 +233,6 @@ int tarnwick_status_field_text(const tarnwick_status* status, int index, char* o
     case FieldKind::kInteger64:
         written = snprintf(out, capacity, "%lld", static_cast<long long>(*reinterpret_cast<const int64_t*>(at)));
         break;
-    case FieldKind::kReal: written = snprintf(out, capacity, "%1.0f", *reinterpret_cast<const double*>(at)); break;
     case FieldKind::kText:
     case FieldKind::kFormat: written = snprintf(out, capacity, "%s", at); break;
     }

@@ -47,19 +47,60 @@ uint32_t WriterSlot(const uint8_t* region)
     return slot < kRingSlotCount ? slot : 0;   // the writer reads junk as 0 too
 }
 
-// Forgets the current part: the next chunk 0 starts afresh.
-void Resync(RingReader* reader, uint32_t slot, bool keep_loss_count)
+bool ClearRequested(const uint8_t* region)
 {
-    reader->slot = slot;
+    return RingLoadField(region, kRingClearRequestOffset) != 0;
+}
+
+// A break in the stream: what comes next does not continue what was handed
+// out, so no loss is counted across it, and with start_at_parameter_set
+// nothing is handed out before a part that starts with a parameter set.
+void Break(RingReader* reader)
+{
     reader->in_part = false;
-    if (!keep_loss_count)
-        reader->have_previous = false;
+    reader->have_previous = false;
+    reader->awaiting_parameter_set = reader->start_at_parameter_set;
+}
+
+// The writer started again (a restarted relay, a clear, an object replaced):
+// a break, and counted.
+void Restart(RingReader* reader)
+{
+    if (reader->writer_seen)
+        ++reader->counts.restarts;   // a ring's first start after opening it is no restart
+    Break(reader);
+}
+
+// The writer cleared the ring, or is about to: a restart, unless it is the
+// clear this reader asked for.
+void WriterClears(RingReader* reader)
+{
+    if (reader->own_clear)
+        Break(reader);
+    else
+        Restart(reader);
+    reader->own_clear = false;
+}
+
+// clear_request is set: nothing is read until the writer has cleared.
+void AwaitClear(RingReader* reader)
+{
+    if (reader->clear_pending)
+        return;
+    reader->clear_pending = true;
+    WriterClears(reader);
 }
 
 void StartAtLiveEdge(RingReader* reader)
 {
-    reader->clear_pending = RingLoadField(reader->region, kRingClearRequestOffset) != 0;
-    Resync(reader, reader->clear_pending ? 0 : WriterSlot(reader->region), false);
+    // next_slot before clear_request: a clear raises the request before it
+    // zeroes next_slot (interface.h).
+    uint32_t writer = WriterSlot(reader->region);
+    reader->clear_pending = ClearRequested(reader->region);
+    reader->own_clear = false;
+    reader->slot = reader->clear_pending ? 0 : writer;
+    reader->writer_seen = !reader->clear_pending && (writer != 0 || RingLoadField(reader->region, kRingLastPartOffset) != 0);
+    Break(reader);
 }
 
 // Decides whether a verified chunk is delivered. `data` is its bytes.
@@ -74,11 +115,20 @@ bool Accept(RingReader* reader, const RingSlotHeader& header, const uint8_t* dat
             reader->in_part = false;   // the rest of a part whose start was lost
         return continues;
     }
-    if (reader->start_at_parameter_set && reader->counts.parts == 0 &&
-        !StartsWithSequenceParameterSet(data, header.length))
-        return false;
-    if (reader->have_previous)
-        reader->counts.lost_parts += static_cast<uint16_t>(header.part - reader->part - 1);
+    bool joinable = StartsWithSequenceParameterSet(data, header.length);
+    if (reader->have_previous) {
+        uint16_t gap = static_cast<uint16_t>(header.part - reader->part - 1);
+        reader->counts.lost_parts += gap;
+        if (gap != 0 && !joinable)
+            Break(reader);             // the picture is broken until the next parameter set
+    }
+    if (reader->awaiting_parameter_set) {
+        if (!joinable) {
+            reader->in_part = false;
+            return false;
+        }
+        reader->awaiting_parameter_set = false;
+    }
     reader->in_part = true;
     reader->have_previous = true;
     reader->part = header.part;
@@ -169,7 +219,7 @@ void RingReaderRequestClear(RingReader* reader)
         return;
     __atomic_store_n(reinterpret_cast<uint16_t*>(reader->region + kRingClearRequestOffset), uint16_t{1},
                      __ATOMIC_RELEASE);
-    reader->clear_pending = true;
+    reader->own_clear = true;   // seen at the next poll, as a break but not a restart
 }
 
 uint16_t RingReaderWriterPart(const RingReader* reader)
@@ -181,42 +231,52 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
 {
     if (reader->region != nullptr && !StillTheRing(reader)) {
         Unmap(reader);
-        ++reader->counts.restarts;
+        Restart(reader);
     }
     if (reader->region == nullptr && Map(reader) != 0)
         return 0;
     uint8_t* region = reader->region;
     reader->counts.last_part = RingLoadField(region, kRingLastPartOffset);
-    if (RingLoadField(region, kRingClearRequestOffset) != 0) {
-        if (!reader->clear_pending)
-            ++reader->counts.restarts;
-        reader->clear_pending = true;
+    uint32_t writer = WriterSlot(region);
+    if (ClearRequested(region)) {
+        AwaitClear(reader);
         return 0;
     }
     if (reader->clear_pending) {
         // The writer has cleared the ring: its parts start again at slot 0.
         reader->clear_pending = false;
-        Resync(reader, 0, false);
+        reader->writer_seen = true;
+        reader->slot = 0;
+        Break(reader);
     }
 
     int delivered = 0;
     bool restarted = false;
-    uint32_t writer = WriterSlot(region);
     while (reader->slot != writer) {
         uint8_t* slot = Slot(region, reader->slot);
         RingSlotHeader header = RingReadSlotHeader(slot);
         if (!IsWritten(header)) {
-            // Cleared since it was passed: the newest parts start at slot 0.
-            // Once only per poll, so that junk cannot keep the reader circling.
-            if (!restarted && reader->slot != 0) {
-                Resync(reader, 0, false);
-                restarted = true;
-            } else {
-                writer = WriterSlot(region);
-                Resync(reader, writer, false);
+            if (ClearRequested(region)) {
+                AwaitClear(reader);
+                return delivered;
             }
+            // Cleared since next_slot was loaded, and written again from
+            // slot 0: the writer started again. Once only per poll, so that
+            // junk cannot keep the reader circling.
+            if (!restarted && reader->slot != 0) {
+                WriterClears(reader);
+                reader->slot = 0;
+                restarted = true;
+                if (delivered != 0)
+                    return delivered;   // one poll never hands out both sides of a restart
+            } else {
+                Break(reader);
+                reader->slot = WriterSlot(region);
+            }
+            writer = WriterSlot(region);
             continue;
         }
+        reader->writer_seen = true;
         uint32_t current = reader->slot;
         reader->slot = (current + 1) % kRingSlotCount;
         const uint8_t* data = slot + kSlotDataOffset;
@@ -242,11 +302,18 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context)
 #pragma GCC diagnostic pop
 #endif
         uint32_t writer_now = WriterSlot(region);
-        if (writer_now == current || !SameHeader(header, RingReadSlotHeader(slot))) {
+        bool unchanged = SameHeader(header, RingReadSlotHeader(slot));
+        if (ClearRequested(region)) {
+            // A clear began during the copy: the copy may hold zeros.
+            AwaitClear(reader);
+            return delivered;
+        }
+        if (writer_now == current || !unchanged) {
             // Overwritten while it was read: fell a whole ring behind.
             ++reader->counts.overruns;
             writer = writer_now;
-            Resync(reader, writer, true);
+            reader->slot = writer;
+            reader->in_part = false;   // the loss shows at the next part
             continue;
         }
         if (!reader->zero_copy) {

@@ -4,7 +4,9 @@ import mmap
 import os
 import struct
 import sys
+import socket
 import tempfile
+import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
@@ -231,6 +233,132 @@ class RingReaderTest(unittest.TestCase):
                 self.assertIsNone(tarnwick.RingReader.open("no_such_ring"))
             finally:
                 tarnwick.SHM_DIR = old
+
+
+JOINABLE = b"\x00\x00\x00\x01\x67"       # start code and a sequence parameter set
+
+
+class RingRestartTest(unittest.TestCase):
+    def setUp(self):
+        self.region = mmap.mmap(-1, 60003624)
+
+    def tearDown(self):
+        self.region.close()
+
+    def clear(self):
+        """The writer's clear before its first part: clear_request lowered last."""
+        self.region[2:60003624] = bytes(60003622)
+        set_header(self.region, clear_request=0)
+
+    def test_a_relay_starting_again_is_one_restart_never_old_parts_and_resumes_at_a_parameter_set(self):
+        region = self.region
+        set_header(region, clear_request=0, next_slot=0)
+        reader = tarnwick.RingReader(region, start_at_parameter_set=True)
+        write_slot(region, 0, 0, 0, b"P0")              # no parameter set: skipped
+        write_slot(region, 1, 1, 0, JOINABLE + b"1")
+        for slot in range(2, 150):
+            write_slot(region, slot, slot, 0, b"p%d" % slot)
+        set_header(region, last_part=149, next_slot=150)
+        self.assertEqual(len(reader.poll()), 149)
+        # A new relay halfway through zeroing: clear_request up first, next_slot 0, slots from 100 on still
+        # the last run's. Nothing is read until the writer has cleared; then its parts from slot 0.
+        set_header(region, clear_request=1)
+        region[2:slot_offset(100)] = bytes(slot_offset(100) - 2)
+        self.assertEqual(reader.poll(), [])
+        self.assertEqual(reader.poll(), [])
+        self.clear()
+        write_slot(region, 0, 0, 0, b"mid-picture")
+        write_slot(region, 1, 1, 0, JOINABLE + b"new")
+        set_header(region, next_slot=2)
+        self.assertEqual(reader.poll(), [JOINABLE + b"new"])
+        self.assertEqual((reader.restarts, reader.lost_parts), (1, 0))
+        # The whole start between two looks: the unwritten slot met behind next_slot is the restart, and the
+        # chunks before it are returned alone, before the restart is counted.
+        for slot in range(2, 20):
+            write_slot(region, slot, slot, 0, b"q%d" % slot)
+        set_header(region, next_slot=10)
+        self.assertEqual(len(reader.poll()), 8)
+        set_header(region, next_slot=20)
+        self.clear()
+        write_slot(region, 0, 0, 0, JOINABLE + b"again")
+        set_header(region, next_slot=1)
+        self.assertEqual(reader.poll(), [JOINABLE + b"again"])
+        self.assertEqual((reader.restarts, reader.lost_parts), (2, 0))
+        # A clear that begins while a slot is copied: the copy is dropped.
+        write_slot(region, 1, 1, 0, b"torn")
+        set_header(region, next_slot=2)
+
+        class ClearDuringCopy:
+            def __getitem__(self, key):
+                data = region[key]
+                if isinstance(key, slice) and key.start == slot_offset(1) + 18:
+                    set_header(region, clear_request=1)
+                return data
+
+        reader.region = ClearDuringCopy()
+        self.assertEqual(reader.poll(), [])
+        self.assertEqual(reader.restarts, 3)
+        reader.region = region
+        reader.close()
+
+    def test_own_clear_is_no_restart_and_a_replaced_object_is_followed(self):
+        with tempfile.TemporaryDirectory() as directory:
+            old, tarnwick.SHM_DIR = tarnwick.SHM_DIR, directory
+            path = os.path.join(directory, "ring")
+            try:
+                with open(path, "wb") as f:
+                    f.truncate(60003624)
+                reader = tarnwick.RingReader.open("ring")
+                with open(path, "r+b") as f:
+                    first = mmap.mmap(f.fileno(), 60003624)
+                write_slot(first, 0, 0, 0, b"a")
+                set_header(first, next_slot=1)
+                self.assertEqual(reader.poll(), [b"a"])
+                reader.request_clear()
+                self.assertEqual(reader.poll(), [])
+                set_header(first, clear_request=0, next_slot=0)
+                self.assertEqual(reader.restarts, 0, "the reader's own clear")
+                # Removed and made anew under the same name (another inode): mapped again, one restart.
+                os.unlink(path)
+                with open(path, "wb") as f:
+                    f.truncate(60003624)
+                with open(path, "r+b") as f:
+                    second = mmap.mmap(f.fileno(), 60003624)
+                set_header(second, next_slot=5)
+                time.sleep(tarnwick.RingReader.IDENTITY_CHECK_SECONDS + 0.02)
+                self.assertEqual(reader.poll(), [])
+                self.assertEqual(reader.restarts, 1)
+                write_slot(second, 5, 9, 0, b"b")
+                set_header(second, next_slot=6)
+                self.assertEqual(reader.poll(), [b"b"])
+                reader.close()
+                first.close()
+                second.close()
+            finally:
+                tarnwick.SHM_DIR = old
+
+
+class AppLinkTest(unittest.TestCase):
+    def test_a_new_source_of_status_is_a_restarted_relay(self):
+        with tarnwick.AppLink(port=0) as link:
+            address = link.sock.getsockname()
+            relays = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2)]
+            try:
+                line = b"\x07camera_detected=1,"
+                relays[0].sendto(line, address)
+                self.assertIsInstance(link.receive(1), tarnwick.StatusRecord)
+                relays[0].sendto(b"\x09junk", address)          # no report: tells nothing
+                relays[0].sendto(line, address)
+                link.receive(1)
+                link.receive(1)
+                self.assertEqual(link.restarts, 0)
+                relays[1].sendto(line, address)
+                link.receive(1)
+                self.assertEqual((link.restarts, link.relay[1]), (1, relays[1].getsockname()[1]))
+                self.assertIsNone(link.receive(0.01), "a time-out")
+            finally:
+                for relay in relays:
+                    relay.close()
 
 
 class FilesAndRecordsTest(unittest.TestCase):

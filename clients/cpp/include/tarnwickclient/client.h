@@ -40,9 +40,11 @@ inline int FormatCommand(char* out, size_t capacity, const char* cmd, const char
 //
 // How a slot is read (the writer locks nothing, see interface.h):
 // - A slot counts as written when its ten mark bytes are 1 (and byte 7 is 0)
-//   and its length is 1 to 300000; a cleared slot is all zeros. Meeting an
-//   unwritten slot behind next_slot means the ring was cleared since: reading
-//   restarts at slot 0.
+//   and its length is 1 to 300000; a cleared slot is all zeros.
+// - next_slot is loaded before clear_request, and clear_request again after
+//   every copy: a clear raises it before it changes a byte and lowers it only
+//   when the ring is empty, so a chunk read while it stayed 0 is not one of
+//   before a clear.
 // - The chunk is copied out, then next_slot and the slot header are read
 //   again: if the writer stands at that slot or its header changed, the slot
 //   was being overwritten during the copy (the reader fell 200 chunks
@@ -50,14 +52,25 @@ inline int FormatCommand(char* out, size_t capacity, const char* cmd, const char
 //   (an overrun).
 // - Part numbers follow each other; a gap between the part last delivered and
 //   the next one that starts (chunk 0) is counted as lost parts. Chunks of a
-//   part whose start was not seen are skipped. Across a clear of the ring
-//   nothing is counted lost.
-// - While clear_request is set nothing is read; once the writer has cleared,
-//   reading starts at slot 0. The relay sets clear_request when it starts, so
-//   a restarted relay reads as a clear. An object that was removed and made
-//   anew (or cut short) under the reader is noticed by its identity and size,
-//   checked at most every 100 ms: the reader maps the new one and starts at
-//   its live edge.
+//   part whose start was not seen are skipped.
+// - Restarts: the relay sets clear_request when it starts, a clear request
+//   (another program's) does the same, and an object removed and made anew
+//   or cut short under the reader is noticed by its identity and size
+//   (checked at most every 100 ms; the new one is mapped and read from its
+//   live edge). Each counts once in counts.restarts (but the first start of a
+//   relay on a ring that it had never written), never as loss; while
+//   clear_request is set nothing is read, and once the writer has cleared,
+//   reading starts at slot 0. An unwritten slot met behind next_slot means a
+//   clear came and went between two looks (a reader that stalled for the
+//   relay's whole start): it counts as a restart too. A reader that does not
+//   look at the ring at all for the whole of a restart (over a second) and
+//   whose place the new run has already passed sees the new run's parts as
+//   lost parts instead; it never sees a part of before the clear.
+// - With start_at_parameter_set, after opening and after every break (a
+//   restart, lost parts, an overrun) nothing is handed out before a part that
+//   starts with a sequence parameter set, so a decoder fed from the reader
+//   always starts at a picture it can decode. The parts skipped while waiting
+//   are not counted as lost.
 //
 // Zero copy: with `zero_copy` set the sink gets the bytes in place, in the
 // shared mapping. The check for an overwrite then runs after the sink
@@ -78,6 +91,9 @@ struct RingReader {
 
     uint32_t slot = 0;              // next slot to read
     bool clear_pending = false;     // waiting for the writer to honour clear_request
+    bool own_clear = false;         // this reader asked for the clear: not a restart
+    bool writer_seen = false;       // the writer has run since opening: a clear now is a restart
+    bool awaiting_parameter_set = false;   // skipping parts until one starts with an SPS
     bool in_part = false;           // `part` has been delivered from its chunk 0 on
     bool have_previous = false;     // `part` is meaningful for the loss count
     uint16_t part = 0;              // part of the last chunk delivered

@@ -109,6 +109,15 @@ constexpr size_t kSize = kBins + kHistogramBinCount;
 // acquire loads), so a reader that loads next_slot finds the slots behind it
 // complete. Nothing is locked: a reader that falls 200 chunks behind finds
 // its slots overwritten and must notice (the client library's RingReader).
+//
+// A clear (the relay's start, a clear request, a replaced or shrunk object
+// put back) keeps clear_request non-zero from before the first byte it
+// changes until every slot is zero and next_slot and last_part are 0; it
+// goes to 0 last, and only then is the first new part written. So a slot
+// read while clear_request was 0 both before and after it (loaded after the
+// copy and after next_slot) is never one of before the clear, and a reader
+// that sees clear_request set must drop what it holds and start again at
+// slot 0 once it is 0.
 constexpr const char* kFrameBufferName = "tarnwickrelay_framebuffer";
 constexpr const char* kTranscodingFrameBufferName = "tarnwickrelay_framebuffer_transcoding";
 constexpr uint32_t kTranscodingFrameBufferSize = 13003624;
