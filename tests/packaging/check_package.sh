@@ -1,13 +1,11 @@
 #!/usr/bin/env bash
 # Checks the Debian packages as a board would get them:
 #
-#   tests/packaging/check_package.sh tarnwickrelay_*.deb libtarnwickclient-dev_*.deb python3-tarnwick_*.deb \
-#                                    [gstreamer1.0-tarnwick_*.deb --gstreamer]
+#   tests/packaging/check_package.sh tarnwickrelay_*.deb libtarnwickclient-dev_*.deb python3-tarnwick_*.deb [--gstreamer]
 #                                                                                              (as root)
 #
-# With --gstreamer (a build that made the GStreamer side) it also wants, in
-# gstreamer1.0-tarnwick and not in the relay's package, the plugin in
-# GStreamer's plugin directory, gst-inspect-1.0 finding tarnwicksrc
+# With --gstreamer (a build that made the GStreamer side) it also wants the
+# plugin in GStreamer's plugin directory, gst-inspect-1.0 finding tarnwicksrc
 # there, tarnwick-rtsp with its page, and its unit verified and not enabled.
 #
 # - their contents and control data (dpkg-deb -c / -I): the programs, the unit,
@@ -15,7 +13,7 @@
 #   clean-up, the manual pages; in libtarnwickclient-dev the client library
 #   with its headers and pkg-config file; in python3-tarnwick the module;
 #   the relay's dependencies no wider than the C and C++ runtimes, libcjson1
-#   and ncurses;
+#   and ncurses (and GStreamer's own libraries with --gstreamer);
 # - a C++ and a C program build against the client library as installed,
 #   through pkg-config; python3 imports the module as installed;
 # - lintian reports no error and no warning for any of them;
@@ -26,7 +24,7 @@
 #   removes every copy of it.
 set -euo pipefail
 [ "$(id -u)" -eq 0 ] || { echo "needs root (namespaces, iptables): skipped"; exit 77; }
-deb= dev_deb= python_deb= gst_deb=
+deb= dev_deb= python_deb=
 gstreamer=false
 for argument in "$@"; do
   if [ "$argument" = --gstreamer ]; then
@@ -37,7 +35,6 @@ for argument in "$@"; do
     tarnwickrelay) deb=$(realpath "$argument") ;;
     libtarnwickclient-dev) dev_deb=$(realpath "$argument") ;;
     python3-tarnwick) python_deb=$(realpath "$argument") ;;
-    gstreamer1.0-tarnwick) gst_deb=$(realpath "$argument") ;;
   esac
 done
 failures=0
@@ -55,23 +52,18 @@ for path in ./usr/bin/tarnwickrelay ./usr/bin/tarnwick-camsim ./usr/bin/tarnwick
   grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
 done
 if $gstreamer; then
-  [ -n "$gst_deb" ] || { fail "no gstreamer1.0-tarnwick package given"; exit 1; }
-  gst_contents=$(dpkg-deb -c "$gst_deb")
   for path in ./usr/bin/tarnwick-rtsp ./lib/systemd/system/tarnwick-rtsp.service \
-              ./usr/share/man/man1/tarnwick-rtsp.1.gz ./usr/lib/$(gcc -print-multiarch)/gstreamer-1.0/libgsttarnwick.so \
-              ./usr/share/doc/gstreamer1.0-tarnwick/copyright; do
-    grep -q " $path\$" <<<"$gst_contents" || fail "gstreamer1.0-tarnwick lacks $path"
+              ./usr/share/man/man1/tarnwick-rtsp.1.gz ./usr/lib/$(gcc -print-multiarch)/gstreamer-1.0/libgsttarnwick.so; do
+    grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
   done
-  grep -q 'gsttarnwick\|tarnwick-rtsp' <<<"$contents" && fail "the relay's package holds the GStreamer side too"
-  gst_depends=$(dpkg-deb -f "$gst_deb" Depends)
-  grep -q libgstreamer1.0-0 <<<"$gst_depends" || fail "gstreamer1.0-tarnwick does not depend on GStreamer: $gst_depends"
 fi
 info=$(dpkg-deb -I "$deb")
 depends=$(sed -n 's/^ Depends: //p' <<<"$info")
-# The relay depends on no more than this: GStreamer, where it was built, is in a package of its own.
 for dependency in ${depends//,/ }; do
   case $dependency in
     libc6|libcjson1|libstdc++6|libgcc-s1|libncursesw6|libtinfo6|\(*|*\)) ;;
+    libglib2.0-0|libgstreamer1.0-0|libgstreamer-plugins-base1.0-0|libgstrtspserver-1.0-0) $gstreamer ||
+      fail "GStreamer dependency $dependency in a package without the GStreamer side" ;;
     *) fail "unexpected run-time dependency $dependency (all: $depends)" ;;
   esac
 done
@@ -115,20 +107,20 @@ gcc -o "$work/c_api_check" "$source_dir/tests/client/c_api_check.c" $(pkg-config
 
 # The plugin as GStreamer finds it once installed, and the RTSP server's unit: verified, not enabled.
 if $gstreamer; then
-  mkdir -p "$work/gst"
-  dpkg-deb -x "$gst_deb" "$work/gst"
-  plugins=$(dirname "$(find "$work/gst" -name libgsttarnwick.so)")
+  mkdir -p "$work/relay"
+  dpkg-deb -x "$deb" "$work/relay"
+  plugins=$(dirname "$(find "$work/relay" -name libgsttarnwick.so)")
   GST_REGISTRY=$work/registry.bin GST_PLUGIN_SYSTEM_PATH=$plugins gst-inspect-1.0 tarnwicksrc >"$work/inspect" 2>&1 ||
     fail "gst-inspect-1.0 does not find tarnwicksrc in the installed plugin: $(cat "$work/inspect")"
   for property in ring-name start wait-for-sps poll-interval parts lost-parts restarts; do
     grep -q "^  $property " "$work/inspect" || fail "gst-inspect-1.0 tarnwicksrc does not describe $property"
   done
-  dpkg-deb --ctrl-tarfile "$gst_deb" | tar -t | grep -q postinst &&
-    fail "gstreamer1.0-tarnwick has a postinst: tarnwick-rtsp.service stays off until enabled by hand"
+  dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./postinst | grep -q 'tarnwick-rtsp' &&
+    fail "the postinst touches tarnwick-rtsp.service, which stays off until enabled by hand"
 fi
 
 if command -v lintian >/dev/null; then
-  for package in "$deb" "$dev_deb" "$python_deb" $gst_deb; do
+  for package in "$deb" "$dev_deb" "$python_deb"; do
     errors=$(lintian --tag-display-limit 0 "$package" 2>/dev/null | grep -E '^(E|W):' || true)
     [ -z "$errors" ] || fail "lintian: $errors"
   done
