@@ -90,7 +90,8 @@ class Program:
         self.on_line = on_line
         self.process = subprocess.Popen(arguments, stdin=subprocess.PIPE if stdin else subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        threading.Thread(target=self._collect, daemon=True).start()
+        self.collector = threading.Thread(target=self._collect, daemon=True)
+        self.collector.start()
 
     def _collect(self):
         for raw in self.process.stdout:
@@ -115,6 +116,7 @@ class Program:
         self.process.stdin.flush()
 
     def stop(self, sig=signal.SIGTERM):
+        """Ends the program and waits until its last line is kept."""
         if self.process.poll() is None:
             self.process.send_signal(sig)
             try:
@@ -122,6 +124,7 @@ class Program:
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 self.process.wait()
+        self.collector.join(5)
 
 
 class Supervisor:
@@ -146,6 +149,7 @@ class Supervisor:
                 self.relay = relay
                 self.starts.append(time.monotonic())
             code = relay.process.wait()
+            relay.collector.join(5)
             last = relay.lines[-1] if relay.lines else ""
             with self.lock:
                 self.exits.append((time.monotonic(), code, last))

@@ -112,7 +112,7 @@ def main():
             reader.process.send_signal(signal.SIGTERM)
             if not check(reader.process.wait(timeout=10) == 0, "%s ends cleanly: %s" % (name, reader.text())):
                 continue
-            time.sleep(0.1)
+            reader.collector.join(5)    # its summary, the last line, is read
             check_reader(name, prefix, reader.text().strip().split("\n")[-1], restarts)
         check("Sanitizer" not in daemon.text() and "runtime error:" not in daemon.text(), "no sanitizer report")
     finally:
