@@ -31,7 +31,7 @@ cmake --build "$dir" -j"$(nproc)"
 # The GStreamer side needs the board's GStreamer development files (libgstreamer1.0-dev:ARCH and the rest),
 # which setup.sh does not install for a cross build: the plugin and tarnwick-rtsp are then left out.
 [ -f "$dir/gst/libgsttarnwick.so" ] ||
-  echo "the GStreamer plugin and tarnwick-rtsp are left out of the $arch build (no GStreamer development files for $arch); its package goes without them"
+  echo "the GStreamer plugin and tarnwick-rtsp are left out of the $arch build (no GStreamer development files for $arch): no gstreamer1.0-tarnwick package"
 GTEST_DEATH_TEST_STYLE=fast ctest --test-dir "$dir" -L unit --output-on-failure -j"$(nproc)" --timeout 300 \
   -E '^(Commands|TxSequence|UdpEndpointTest|SmallFiles|SharedMemory|SharedMemoryDeathTest)\.'
 

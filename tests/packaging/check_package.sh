@@ -1,19 +1,22 @@
 #!/usr/bin/env bash
 # Checks the Debian packages as a board would get them:
 #
-#   tests/packaging/check_package.sh tarnwickrelay_*.deb libtarnwickclient-dev_*.deb python3-tarnwick_*.deb [--gstreamer]
-#                                                                                              (as root)
+#   tests/packaging/check_package.sh tarnwickrelay_*.deb libtarnwickclient-dev_*.deb python3-tarnwick_*.deb
+#                                    [gstreamer1.0-tarnwick_*.deb --gstreamer]                   (as root)
 #
 # With --gstreamer (a build that made the GStreamer side) it also wants the
-# plugin in GStreamer's plugin directory, gst-inspect-1.0 finding tarnwicksrc
-# there, tarnwick-rtsp with its page, and its unit verified and not enabled.
+# package gstreamer1.0-tarnwick: the plugin in GStreamer's plugin directory,
+# gst-inspect-1.0 finding tarnwicksrc there, tarnwick-rtsp with its page, its
+# options as a conffile, its unit verified and not enabled, lintian clean, and
+# dependencies no wider than the C and C++ runtimes and GStreamer's libraries.
+# The relay's own package never depends on GStreamer.
 #
 # - their contents and control data (dpkg-deb -c / -I): the programs, the unit,
 #   the defaults conffile, the sysctl, tmpfiles.d and sysusers.d files, the NAT
 #   clean-up, the manual pages; in libtarnwickclient-dev the client library
 #   with its headers and pkg-config file; in python3-tarnwick the module;
 #   the relay's dependencies no wider than the C and C++ runtimes, libcjson1
-#   and ncurses (and GStreamer's own libraries with --gstreamer);
+#   and ncurses;
 # - a C++ and a C program build against the client library as installed,
 #   through pkg-config; python3 imports the module as installed;
 # - lintian reports no error and no warning for any of them;
@@ -24,7 +27,7 @@
 #   removes every copy of it.
 set -euo pipefail
 [ "$(id -u)" -eq 0 ] || { echo "needs root (namespaces, iptables): skipped"; exit 77; }
-deb= dev_deb= python_deb=
+deb= dev_deb= python_deb= gst_deb=
 gstreamer=false
 for argument in "$@"; do
   if [ "$argument" = --gstreamer ]; then
@@ -35,6 +38,7 @@ for argument in "$@"; do
     tarnwickrelay) deb=$(realpath "$argument") ;;
     libtarnwickclient-dev) dev_deb=$(realpath "$argument") ;;
     python3-tarnwick) python_deb=$(realpath "$argument") ;;
+    gstreamer1.0-tarnwick) gst_deb=$(realpath "$argument") ;;
   esac
 done
 failures=0
@@ -51,19 +55,12 @@ for path in ./usr/bin/tarnwickrelay ./usr/bin/tarnwick-camsim ./usr/bin/tarnwick
             ./usr/lib/sysusers.d/tarnwickrelay.conf; do
   grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
 done
-if $gstreamer; then
-  for path in ./usr/bin/tarnwick-rtsp ./lib/systemd/system/tarnwick-rtsp.service \
-              ./usr/share/man/man1/tarnwick-rtsp.1.gz ./usr/lib/$(gcc -print-multiarch)/gstreamer-1.0/libgsttarnwick.so; do
-    grep -q " $path\$" <<<"$contents" || fail "the package lacks $path"
-  done
-fi
+grep -qE 'tarnwick-rtsp|gstreamer' <<<"$contents" && fail "the relay's package holds the GStreamer side"
 info=$(dpkg-deb -I "$deb")
 depends=$(sed -n 's/^ Depends: //p' <<<"$info")
 for dependency in ${depends//,/ }; do
   case $dependency in
     libc6|libcjson1|libstdc++6|libgcc-s1|libncursesw6|libtinfo6|\(*|*\)) ;;
-    libglib2.0-0|libgstreamer1.0-0|libgstreamer-plugins-base1.0-0|libgstrtspserver-1.0-0) $gstreamer ||
-      fail "GStreamer dependency $dependency in a package without the GStreamer side" ;;
     *) fail "unexpected run-time dependency $dependency (all: $depends)" ;;
   esac
 done
@@ -105,22 +102,40 @@ gcc -o "$work/c_api_check" "$source_dir/tests/client/c_api_check.c" $(pkg-config
   fail "a C program does not build against the installed client library"
 "$work/c_api_check" || fail "the C program against the installed library"
 
-# The plugin as GStreamer finds it once installed, and the RTSP server's unit: verified, not enabled.
+# gstreamer1.0-tarnwick: its contents and dependencies, the plugin as GStreamer finds it once installed, the
+# RTSP server's options a conffile and its unit not enabled (verified with the relay's below).
 if $gstreamer; then
+  [ -n "$gst_deb" ] || { fail "no gstreamer1.0-tarnwick package given"; exit 1; }
+  gst_contents=$(dpkg-deb -c "$gst_deb")
+  for path in ./usr/bin/tarnwick-rtsp ./lib/systemd/system/tarnwick-rtsp.service ./etc/default/tarnwick-rtsp \
+              ./usr/share/man/man1/tarnwick-rtsp.1.gz ./usr/share/doc/gstreamer1.0-tarnwick/copyright \
+              "./usr/lib/$(gcc -print-multiarch)/gstreamer-1.0/libgsttarnwick.so"; do
+    grep -q " $path\$" <<<"$gst_contents" || fail "gstreamer1.0-tarnwick lacks $path"
+  done
+  gst_depends=$(dpkg-deb -f "$gst_deb" Depends)
+  for dependency in ${gst_depends//,/ }; do
+    case $dependency in
+      libc6|libstdc++6|libgcc-s1|libglib2.0-0|libgstreamer1.0-0|libgstreamer-plugins-base1.0-0|\
+      libgstrtspserver-1.0-0|\(*|*\)) ;;
+      *) fail "unexpected run-time dependency of gstreamer1.0-tarnwick: $dependency (all: $gst_depends)" ;;
+    esac
+  done
+  dpkg-deb --ctrl-tarfile "$gst_deb" | tar -xO ./conffiles | grep -qx /etc/default/tarnwick-rtsp ||
+    fail "the RTSP server's options are not a conffile"
   mkdir -p "$work/relay"
-  dpkg-deb -x "$deb" "$work/relay"
+  dpkg-deb -x "$gst_deb" "$work/relay"
   plugins=$(dirname "$(find "$work/relay" -name libgsttarnwick.so)")
   GST_REGISTRY=$work/registry.bin GST_PLUGIN_SYSTEM_PATH=$plugins gst-inspect-1.0 tarnwicksrc >"$work/inspect" 2>&1 ||
     fail "gst-inspect-1.0 does not find tarnwicksrc in the installed plugin: $(cat "$work/inspect")"
   for property in ring-name start wait-for-sps poll-interval parts lost-parts restarts; do
     grep -q "^  $property " "$work/inspect" || fail "gst-inspect-1.0 tarnwicksrc does not describe $property"
   done
-  dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./postinst | grep -q 'tarnwick-rtsp' &&
-    fail "the postinst touches tarnwick-rtsp.service, which stays off until enabled by hand"
+  dpkg-deb --ctrl-tarfile "$gst_deb" | tar -t | grep -q postinst &&
+    fail "gstreamer1.0-tarnwick has a postinst: tarnwick-rtsp.service stays off until enabled by hand"
 fi
 
 if command -v lintian >/dev/null; then
-  for package in "$deb" "$dev_deb" "$python_deb"; do
+  for package in "$deb" "$dev_deb" "$python_deb" ${gst_deb:+"$gst_deb"}; do
     errors=$(lintian --tag-display-limit 0 "$package" 2>/dev/null | grep -E '^(E|W):' || true)
     [ -z "$errors" ] || fail "lintian: $errors"
   done
@@ -131,6 +146,7 @@ fi
 # The unit, against the package's own files laid over /usr.
 mkdir -p "$work/root"
 dpkg-deb -x "$deb" "$work/root"
+[ -z "$gst_deb" ] || dpkg-deb -x "$gst_deb" "$work/root"
 cp -a "$work/root/lib/." "$work/root/usr/lib/"
 if ! unshare -m sh -c "mount -t overlay overlay -o lowerdir=$work/root/usr:/usr /usr &&
                        systemd-analyze verify --man=no /usr/lib/systemd/system/tarnwickrelay.service \
@@ -172,5 +188,5 @@ INSIDE
 then
   fail "the confined daemon: $(cat "$work/confined")"
 fi
-[ $failures -eq 0 ] && echo "package checks passed: $(basename "$deb") $(basename "$dev_deb") $(basename "$python_deb")"
+[ $failures -eq 0 ] && echo "package checks passed: $(basename "$deb") $(basename "$dev_deb") $(basename "$python_deb")${gst_deb:+ $(basename "$gst_deb")}"
 exit $((failures > 0))
