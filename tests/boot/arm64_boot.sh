@@ -29,8 +29,9 @@ set +e
 tarball=$(boot_rootfs arm64 "$packages" 2>/tmp/tarnwick-arm64-rootfs.$$)
 rc=$?
 set -e
-cat /tmp/tarnwick-arm64-rootfs.$$ >&2; rm -f /tmp/tarnwick-arm64-rootfs.$$
-[ $rc -eq 77 ] && skip "no root file system: see above"
+[ $rc -eq 77 ] || cat /tmp/tarnwick-arm64-rootfs.$$ >&2
+reason=$(tail -1 /tmp/tarnwick-arm64-rootfs.$$); rm -f /tmp/tarnwick-arm64-rootfs.$$
+[ $rc -eq 77 ] && skip "$reason"
 [ $rc -eq 0 ] || { echo "FAIL: the arm64 root file system could not be made (binfmt handler for arm64 registered? scripts/setup.sh board)"; exit 1; }
 
 work=$(mktemp -d /var/tmp/tarnwick-arm64.XXXXXX)

@@ -74,8 +74,9 @@ set +e
 tarball=$(boot_rootfs amd64 2>/tmp/tarnwick-boot-rootfs.$$)
 rc=$?
 set -e
-cat /tmp/tarnwick-boot-rootfs.$$ >&2; rm -f /tmp/tarnwick-boot-rootfs.$$
-[ $rc -eq 77 ] && { echo "SKIPPED: no root file system: see above"; exit 77; }
+[ $rc -eq 77 ] || cat /tmp/tarnwick-boot-rootfs.$$ >&2
+reason=$(tail -1 /tmp/tarnwick-boot-rootfs.$$); rm -f /tmp/tarnwick-boot-rootfs.$$
+[ $rc -eq 77 ] && { echo "SKIPPED: $reason"; exit 77; }
 [ $rc -eq 0 ] || { echo "FAIL: the root file system could not be made"; exit 1; }
 
 work=$(mktemp -d /var/tmp/tarnwick-boot.XXXXXX)

@@ -37,7 +37,7 @@ boot_log() { echo "[boot $(date +%T)] $*" >&2; }
 # One-line sources for the Debian suites of the host's apt configuration (main only), for ARCH.
 boot_sources() {
   local arch=$1
-  apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT) $(IDENTIFIER)' 2>/dev/null |
+  apt-get indextargets --no-release-info --format '$(REPO_URI) $(RELEASE) $(COMPONENT) $(IDENTIFIER)' 2>/dev/null |
     awk -v suite="$BOOT_SUITE" -v arch="$arch" \
       '$4 == "Packages" && $3 == "main" && ($2 == suite || $2 == suite "-updates" || $2 == suite "-security") {
          print "deb [arch=" arch "] " $1 " " $2 " main" }' | sort -u
