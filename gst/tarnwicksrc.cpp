@@ -311,7 +311,7 @@ gboolean Query(GstBaseSrc* base, GstQuery* query)
     return TRUE;
 }
 
-void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec)
+void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* property)
 {
     TarnwickSrc* self = TARNWICK_SRC(object);
     GST_OBJECT_LOCK(self);
@@ -325,12 +325,12 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
     case PROP_START: self->start = static_cast<TarnwickSrcStart>(g_value_get_enum(value)); break;
     case PROP_WAIT_FOR_SPS: self->wait_for_sps = g_value_get_boolean(value); break;
     case PROP_POLL_INTERVAL: self->poll_interval_us = g_value_get_uint(value); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(self);
 }
 
-void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
+void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* property)
 {
     TarnwickSrc* self = TARNWICK_SRC(object);
     GST_OBJECT_LOCK(self);
@@ -344,7 +344,7 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
     case PROP_LOST_PARTS: g_value_set_uint64(value, self->stats.lost_parts); break;
     case PROP_OVERRUNS: g_value_set_uint64(value, self->stats.overruns); break;
     case PROP_RESTARTS: g_value_set_uint64(value, self->stats.restarts); break;
-    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property); break;
     }
     GST_OBJECT_UNLOCK(self);
 }

@@ -15,12 +15,13 @@ the shared-memory records once. This checks everything else that states them aga
                                              members) from the description, then check
 """
 
-import importlib.util
+import importlib.machinery
 import json
 import os
 import re
 import struct
 import sys
+import types
 
 WIDTHS = {"u8": "B", "i16": "h", "u16": "H"}
 
@@ -301,9 +302,10 @@ def attribute(record, name):
 
 def check_python(root, truth, problems):
     where = "clients/python/tarnwick.py"
-    spec = importlib.util.spec_from_file_location("tarnwick", os.path.join(root, where))
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    loader = importlib.machinery.SourceFileLoader("tarnwick", os.path.join(root, where))
+    module = types.ModuleType(loader.name)
+    module.__file__ = loader.path
+    loader.exec_module(module)
     status = truth["status_line"]
     messages = truth["binary_messages"]
     ring = truth["ring"]
