@@ -22,7 +22,9 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(SOURCE, "clients", "python"))
+sys.path.insert(0, os.path.join(SOURCE, "clients", "python", "tests"))
 import tarnwick  # noqa: E402
+from daemon_check import Child  # noqa: E402
 
 RELAY_NS = "tw-relay"
 CAMERA_NS = "tw-camera"
@@ -80,40 +82,23 @@ def unit_settings():
             int(value("StartLimitBurst", "5")))
 
 
-class Program:
-    """A child whose output lines are kept (the last `keep`) with their times."""
+class Program(Child):
+    """A program run from tests (daemon_check.Child) that keeps only its last
+    `keep` lines of output, for runs of half an hour."""
 
-    def __init__(self, arguments, stdin=False, keep=2000, on_line=None):
-        self.lines = []
+    def __init__(self, arguments, stdin=False, keep=2000):
         self.keep = keep
-        self.lock = threading.Lock()
-        self.on_line = on_line
-        self.process = subprocess.Popen(arguments, stdin=subprocess.PIPE if stdin else subprocess.DEVNULL,
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        self.collector = threading.Thread(target=self._collect, daemon=True)
-        self.collector.start()
+        super().__init__(arguments, stdin)
 
     def _collect(self):
         for raw in self.process.stdout:
-            line = raw.decode("utf-8", errors="replace").rstrip("\n")
-            if self.on_line:
-                self.on_line(line)
             with self.lock:
-                self.lines.append(line)
+                self.lines.append(raw.decode("utf-8", errors="replace").rstrip("\n"))
                 del self.lines[:-self.keep]
 
     def wait_for(self, text, timeout):
-        end = time.monotonic() + timeout
-        while time.monotonic() < end:
-            with self.lock:
-                if any(text in line for line in self.lines):
-                    return True
-            time.sleep(0.02)
-        return False
-
-    def write(self, line):
-        self.process.stdin.write((line + "\n").encode())
-        self.process.stdin.flush()
+        """True once a line holding `text` has been written."""
+        return self.wait_until(lambda lines: any(text in line for line in lines), timeout)
 
     def stop(self, sig=signal.SIGTERM):
         """Ends the program and waits until its last line is kept."""

@@ -40,10 +40,15 @@ class Child:
             return "\n".join(self.lines)
 
     def wait_for(self, line, timeout=TIMEOUT):
+        """True once the program has written `line` (a whole line)."""
+        return self.wait_until(lambda lines: line in lines, timeout)
+
+    def wait_until(self, condition, timeout):
+        """True once condition(the lines so far) holds."""
         end = time.monotonic() + timeout
         while time.monotonic() < end:
             with self.lock:
-                if line in self.lines:
+                if condition(self.lines):
                     return True
             time.sleep(0.02)
         return False

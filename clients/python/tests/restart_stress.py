@@ -32,17 +32,6 @@ from daemon_check import Child, SIMULATOR_PORT, check, failures  # noqa: E402
 STAMP = re.compile(rb"\x00\x00\x00\x01\x06\x05\x20tarnwick-counter([0-9a-f]{16})")
 PARAMETER_SET_START = re.compile(rb"\x00\x00\x00\x01[\x07\x27\x47\x67]")
 
-def wait_for_count(child, line, count, timeout):
-    """True once `line` has appeared `count` times in the child's output."""
-    end = time.monotonic() + timeout
-    while time.monotonic() < end:
-        with child.lock:
-            if sum(1 for seen in child.lines if seen == line) >= count:
-                return True
-        time.sleep(0.01)
-    return False
-
-
 def check_reader(name, prefix, summary, restarts):
     counts = dict(item.split("=") for item in summary.split())
     check(int(counts.get("restarts", -1)) == restarts,
@@ -94,7 +83,7 @@ def main():
         if not check(simulator.wait_for("camera simulator on 127.0.0.1:%d" % SIMULATOR_PORT, 5), "simulator up"):
             return
         daemon = Child(daemon_arguments)
-        if not check(wait_for_count(daemon, "Clear frame shared memory", 1, 15), "the first run queues video"):
+        if not check(daemon.wait_for("Clear frame shared memory", 15), "the first run queues video"):
             return
         readers = [("C reader", os.path.join(work, "c"), Child([c_reader_path, os.path.join(work, "c")])),
                    ("Python reader", os.path.join(work, "py"),
@@ -105,7 +94,7 @@ def main():
             daemon.process.send_signal(signal.SIGKILL)
             daemon.process.wait()
             daemon = Child(daemon_arguments)
-            if not check(wait_for_count(daemon, "Clear frame shared memory", 1, 15), "a restarted run queues video"):
+            if not check(daemon.wait_for("Clear frame shared memory", 15), "a restarted run queues video"):
                 return
         time.sleep(2.0)
         for name, prefix, reader in readers:
