@@ -143,13 +143,9 @@ gboolean OpenRing(TarnwickSrc* self)
     reader->start_at_parameter_set = wait_for_sps;
     gboolean opened = tarnwick::RingReaderOpen(reader, name) == 0;
     if (opened) {
-        // The live edge is where the reader stands after opening. The ring
-        // holds the parts from the slot after the writer's next one on (a
-        // ring that has not wrapped yet shows unwritten slots there, and the
-        // reader goes on at slot 0, its oldest part). A pending clear starts
-        // at slot 0 anyway.
-        if (start == TARNWICK_SRC_START_OLDEST && !reader->clear_pending)
-            reader->slot = (reader->slot + 1) % tarnwick::wire::kRingSlotCount;
+        // The live edge is where the reader stands after opening.
+        if (start == TARNWICK_SRC_START_OLDEST)
+            tarnwick::RingReaderSeekOldest(reader);
         GST_INFO_OBJECT(self, "reading ring %s from slot %u", name, reader->slot);
         self->restarts_seen = 0;
         self->lost_seen = 0;

@@ -369,6 +369,30 @@ TEST(ClientRing, FollowsAHandWrittenRingThroughOverrunsAndANewObject)
     }
 }
 
+// From the oldest part the ring holds: slot 0 of a ring that has not wrapped yet, else the 199 chunks behind the
+// writer (its next slot is overwritten next); neither is a restart or a loss.
+TEST(ClientRing, SeekOldestReadsWhatTheRingHolds)
+{
+    ScratchObject object("tarnwick_client_oldest_");
+    HandRing ring(object.name);
+    for (uint16_t part = 0; part < 5; ++part)
+        ring.Write(part, Part(part, 10));
+    std::unique_ptr<tarnwick::RingReader> reader(new tarnwick::RingReader);
+    ASSERT_EQ(tarnwick::RingReaderOpen(reader.get(), object.name.c_str()), 0);
+    tarnwick::RingReaderSeekOldest(reader.get());
+    collected.clear();
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 5);
+    for (uint16_t part = 5; part < 450; ++part)
+        ring.Write(part, Part(part, 10));
+    tarnwick::RingReaderSeekOldest(reader.get());
+    collected.clear();
+    EXPECT_EQ(tarnwick::RingReaderPoll(reader.get(), Collect, nullptr), 199);
+    EXPECT_EQ(collected[1], static_cast<uint8_t>(251)) << "part 251 first";
+    EXPECT_EQ(reader->counts.restarts, 0u);
+    EXPECT_EQ(reader->counts.lost_parts, 0u);
+    tarnwick::RingReaderClose(reader.get());
+}
+
 // A part that a decoder can join at: start code and a sequence parameter set (NAL type 7).
 Bytes JoinablePart(uint16_t number)
 {

@@ -208,6 +208,20 @@ void RingReaderSeekLiveEdge(RingReader* reader)
         StartAtLiveEdge(reader);
 }
 
+void RingReaderSeekOldest(RingReader* reader)
+{
+    if (reader->region == nullptr)
+        return;
+    StartAtLiveEdge(reader);
+    if (reader->clear_pending)
+        return;   // the writer's next part is the oldest there will be
+    // The writer's next slot holds the oldest chunk but is overwritten next;
+    // the one after it is the oldest that stays. A ring that has not wrapped
+    // yet has nothing there: its oldest part is in slot 0.
+    uint32_t after = (reader->slot + 1) % kRingSlotCount;
+    reader->slot = IsWritten(RingReadSlotHeader(Slot(reader->region, after))) ? after : 0;
+}
+
 void RingReaderClose(RingReader* reader)
 {
     Unmap(reader);

@@ -116,6 +116,10 @@ int RingReaderPoll(RingReader* reader, ChunkSink sink, void* context);
 // the counts stay. For a program that paused and wants the present, not the
 // backlog.
 void RingReaderSeekLiveEdge(RingReader* reader);
+// Goes back to the oldest part the ring still holds (up to 199 chunks behind
+// the writer, or slot 0 of a ring that has not wrapped yet); the counts stay.
+// For a program that wants what the ring holds, not only what comes next.
+void RingReaderSeekOldest(RingReader* reader);
 // Asks the writer to clear the ring; its next part lands in slot 0 and is the
 // first one read.
 void RingReaderRequestClear(RingReader* reader);
